@@ -1,0 +1,70 @@
+/*
+ * Locks: a POSIX mutex or a POSIX counting semaphore behind one object.
+ *
+ * Conventions
+ *  1. No operation returns an error code. A failure of the platform call is reported through the
+ *     logging macro (logger.h) under the name of the operation.
+ *  2. The creator owns the object and ends it with com_semaphore_destroy, once, when nobody holds
+ *     it or waits for it.
+ *  3. Every operation may be called from any thread. A mutex is not recursive and is unlocked by
+ *     the thread that locked it; a counting semaphore may be unlocked by any thread.
+ */
+#ifndef TAVLEN_COMMON_COM_SEMAPHORE_H
+#define TAVLEN_COMMON_COM_SEMAPHORE_H
+
+#include <pthread.h>
+#include <semaphore.h>
+#include <stdint.h>
+
+#include <TavlenCommon/tavlen_api.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+enum { COM_SEMAPHORE_COUNTING = 0, COM_SEMAPHORE_MUTEX = 1 };
+
+/** A lock. Members are for the library; `type` decides which of the others is in use. */
+typedef struct com_semaphore {
+    pthread_mutex_t mutex; /**< the lock of COM_SEMAPHORE_MUTEX, default attributes */
+    sem_t *sem;            /**< the semaphore of COM_SEMAPHORE_COUNTING: &sem_storage; else null */
+    sem_t sem_storage;
+    uint32_t type;
+} com_semaphore;
+
+/** Makes an unlocked mutex. Null after a report when memory or the platform refuses. */
+TAVLEN_API com_semaphore *com_semaphore_init(void);
+
+/**
+ * Makes a counting semaphore that holds `value` units, shared between processes where the system
+ * offers that. Null after a report when memory or the platform refuses.
+ */
+TAVLEN_API com_semaphore *com_semaphore_int_init(uint32_t value);
+
+/**
+ * Locks: takes the mutex, or one unit of the count; blocks until it is there. A wait that a signal
+ * interrupts is taken up again after one second. After a report the caller does not hold the lock.
+ * A null `s` is reported, or ignored when `quiet` is not 0; `quiet` has no other effect.
+ */
+TAVLEN_API void com_semaphore_lock_ex(int quiet, com_semaphore *s);
+
+/** Unlocks: releases the mutex, or gives one unit back. Null `s` and `quiet` as for locking. */
+TAVLEN_API void com_semaphore_unlock_ex(int quiet, com_semaphore *s);
+
+/** com_semaphore_lock_ex with `quiet` 0. */
+TAVLEN_API void com_semaphore_lock(com_semaphore *s);
+
+/** com_semaphore_unlock_ex with `quiet` 0. */
+TAVLEN_API void com_semaphore_unlock(com_semaphore *s);
+
+/**
+ * Ends the lock and frees the object, also when the platform reports a failure. A mutex that is
+ * still held is reported, unlocked and destroyed all the same.
+ */
+TAVLEN_API void com_semaphore_destroy(com_semaphore *s);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,416 @@
+#include <TavlenCommon/logger.h>
+#include <TavlenCommon/logger_internal.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <limits>
+#include <syslog.h>
+
+#include <TavlenCommon/com_semaphore.h>
+#include <TavlenCommon/error_text.h>
+#include <TavlenCommon/owned.h>
+#include <TavlenCommon/relaxed.h>
+
+using tavlen::load_relaxed;
+using tavlen::store_relaxed;
+
+namespace {
+
+constexpr size_t line_size = 4096; // of a line and of a message, with the terminator
+constexpr uint32_t highest_mask = 31;
+constexpr char not_open_warning[] = "WARNING: logger not initialized, logging to stderr:";
+
+int32_t log_initialized = 0; // relaxed: read without the lock
+com_semaphore *log_lock = nullptr;
+uint32_t log_dest = LOG_DEST_STDOUT; // written under log_lock, read relaxed by get_log_dest
+FILE *log_file = nullptr;
+const char *log_file_name = nullptr; // the caller's text: valid only during set_log_dest
+char *log_name = nullptr;
+int32_t log_syslog_opened = 0;
+char log_line[line_size];
+int32_t log_rl_max = 0;      // relaxed
+int64_t log_rl_interval = 0; // relaxed, seconds
+
+/**
+ * Says that this thread is inside the library. A report raised then (by the lock, the packet layer
+ * or the socket layer on the way to the collector) must not wait for the lock that this thread
+ * holds: it passes the limiter and goes straight to standard error.
+ */
+constinit thread_local bool inside_library = false;
+
+class InsideMark {
+public:
+    InsideMark() : previous_(inside_library) { inside_library = true; }
+    ~InsideMark() { inside_library = previous_; }
+    InsideMark(const InsideMark &) = delete;
+    InsideMark &operator=(const InsideMark &) = delete;
+
+private:
+    bool previous_;
+};
+
+/// Holds log_lock. The mark goes up before the lock is asked for and comes down after the unlock.
+class LogLock {
+public:
+    LogLock() { com_semaphore_lock(log_lock); }
+    ~LogLock() { com_semaphore_unlock(log_lock); }
+    LogLock(const LogLock &) = delete;
+    LogLock &operator=(const LogLock &) = delete;
+
+private:
+    InsideMark mark_;
+};
+
+class ErrnoKeeper {
+public:
+    ErrnoKeeper() = default;
+    ~ErrnoKeeper() { errno = saved_; }
+    ErrnoKeeper(const ErrnoKeeper &) = delete;
+    ErrnoKeeper &operator=(const ErrnoKeeper &) = delete;
+
+private:
+    int saved_ = errno;
+};
+
+bool is_open()
+{
+    return load_relaxed(log_initialized) != 0;
+}
+
+const char *printable(const char *text)
+{
+    return text != nullptr ? text : "(null)";
+}
+
+/// The part after the last '/'; the whole path when that part is empty.
+const char *base_name(const char *path)
+{
+    const char *slash = path != nullptr ? strrchr(path, '/') : nullptr;
+    return slash != nullptr && slash[1] != '\0' ? slash + 1 : printable(path);
+}
+
+unsigned long long now_seconds()
+{
+    return static_cast<unsigned long long>(time(nullptr));
+}
+
+/// A failure of the library itself, which may hold its own lock: formatted without allocating.
+__attribute__((format(printf, 3, 4))) void report_to_stderr(int32_t line, const char *func,
+                                                            const char *format, ...)
+{
+    char message[line_size];
+    va_list args;
+    va_start(args, format);
+    if (vsnprintf(message, sizeof message, format, args) < 0) {
+        message[0] = '\0';
+    }
+    va_end(args);
+    (void)_lprintf_stderr(__FILE__, line, func, message, nullptr);
+}
+
+#define REPORT_TO_STDERR(...) report_to_stderr(__LINE__, __func__, __VA_ARGS__)
+
+void write_and_flush(FILE *stream, const char *text, size_t length)
+{
+    (void)fwrite(text, 1, length, stream);
+    (void)fflush(stream);
+}
+
+} // namespace
+
+char *_lprintf_fmt(const char *format, ...)
+{
+    const ErrnoKeeper errno_keeper;
+    auto message = tavlen::allocate_bytes<char>(line_size);
+    if (message == nullptr) {
+        return nullptr;
+    }
+    va_list args;
+    va_start(args, format);
+    if (vsnprintf(message.get(), line_size, format, args) < 0) {
+        *message = '\0';
+    }
+    va_end(args);
+    return message.release();
+}
+
+int32_t _lprintf_stderr(const char *file, int32_t line, const char *func, const char *message,
+                        void *to_free)
+{
+    const ErrnoKeeper errno_keeper;
+    const int32_t written = fprintf(stderr, "%llu:%s:%d: %s: %s\n", now_seconds(), base_name(file),
+                                    line, printable(func), printable(message));
+    free(to_free);
+    return written;
+}
+
+namespace {
+
+/// Composes a record into log_line; gives what snprintf gave: the length of the uncut line.
+int32_t compose_line(const char *name, const char *file, int32_t line, const char *func,
+                     const char *message)
+{
+    if (file == nullptr && line == 0 && func == nullptr) {
+        return snprintf(log_line, sizeof log_line, "%s: %s\n", printable(name), printable(message));
+    }
+    if (name != nullptr) {
+        return snprintf(log_line, sizeof log_line, "%s:%llu:%s:%d: %s: %s\n", name, now_seconds(),
+                        base_name(file), line, printable(func), printable(message));
+    }
+    return snprintf(log_line, sizeof log_line, "%llu:%s:%d: %s: %s\n", now_seconds(),
+                    base_name(file), line, printable(func), printable(message));
+}
+
+} // namespace
+
+int32_t _lprintf(const char *name, const char *file, int32_t line, const char *func,
+                 const char *message, void *to_free)
+{
+    const ErrnoKeeper errno_keeper;
+    if (inside_library) {
+        return _lprintf_stderr(file, line, func, message, to_free);
+    }
+    if (!is_open()) {
+        (void)_lprintf_stderr(__FILE__, __LINE__, __func__, not_open_warning, nullptr);
+        (void)_lprintf_stderr(file, line, func, message, to_free);
+        return -1;
+    }
+    int32_t whole_length = 0;
+    {
+        const LogLock lock;
+        whole_length = compose_line(name, file, line, func, message);
+        constexpr int32_t longest = static_cast<int32_t>(line_size) - 1;
+        log_msg_dest(log_line, std::min(whole_length, longest));
+    }
+    free(to_free);
+    return whole_length;
+}
+
+int32_t _lprintf_raw(const char *text, int32_t len)
+{
+    const ErrnoKeeper errno_keeper;
+    if (!is_open()) {
+        (void)_lprintf_stderr(__FILE__, __LINE__, __func__, not_open_warning, nullptr);
+        (void)_lprintf_stderr(__FILE__, __LINE__, __func__, text, nullptr);
+        return -1;
+    }
+    const LogLock lock;
+    log_msg_dest(text, len);
+    return 0;
+}
+
+void log_msg_dest(const char *text, int32_t length)
+{
+    if (log_dest == 0 || text == nullptr) {
+        return;
+    }
+    const size_t bytes = length > 0 ? static_cast<size_t>(length) : 0;
+    if ((log_dest & LOG_DEST_STDOUT) != 0) {
+        write_and_flush(stdout, text, bytes);
+    }
+    if ((log_dest & LOG_DEST_STDERR) != 0) {
+        write_and_flush(stderr, text, bytes);
+    }
+    if ((log_dest & LOG_DEST_SYSLOG) != 0) {
+        syslog(LOG_DEBUG, "%s", text);
+    }
+    if ((log_dest & LOG_DEST_FILE) != 0 && log_file != nullptr) {
+        write_and_flush(log_file, text, bytes);
+    }
+}
+
+namespace {
+
+void open_syslog_once()
+{
+    if (log_syslog_opened == 0 && (log_dest & LOG_DEST_SYSLOG) != 0) {
+        openlog("Tavlen", LOG_CONS, LOG_USER);
+        log_syslog_opened = 1;
+    }
+}
+
+void close_log_file()
+{
+    if (log_file != nullptr) {
+        (void)fclose(log_file);
+        log_file = nullptr;
+    }
+}
+
+} // namespace
+
+void set_log_dest(int32_t mask, const char *file_name, const char *remote_addr,
+                  const char *remote_port)
+{
+    if (!is_open()) {
+        return;
+    }
+    const ErrnoKeeper errno_keeper;
+    const LogLock lock;
+    if (static_cast<uint32_t>(mask) <= highest_mask) {
+        store_relaxed(log_dest, mask);
+    } else {
+        REPORT_TO_STDERR("wrong log destination (%i) ignored (using: %i)%s", mask,
+                         static_cast<int>(log_dest),
+                         mask > 0 ? ": log destination number is too high" : "");
+    }
+    open_syslog_once();
+    setup_file_log_dest(file_name);
+    (void)remote_addr;
+    (void)remote_port;
+}
+
+void setup_file_log_dest(const char *file_name)
+{
+    close_log_file();
+    log_file_name = file_name;
+    if ((log_dest & LOG_DEST_FILE) == 0) {
+        return;
+    }
+    if (file_name == nullptr) {
+        REPORT_TO_STDERR("file logging disabled: NULL file name ignored");
+        return;
+    }
+    log_file = fopen(file_name, "ae");
+    if (log_file == nullptr) {
+        char reason[tavlen::error_text_size];
+        tavlen::write_error_text(errno, reason, sizeof reason);
+        REPORT_TO_STDERR("file logging disabled: log file (%s) not opened: %s", file_name, reason);
+    }
+}
+
+int32_t get_log_dest(void)
+{
+    return is_open() ? static_cast<int32_t>(load_relaxed(log_dest)) : -1;
+}
+
+int32_t logger_open(void)
+{
+    if (is_open()) {
+        LPRINTF("WARNING: logger is already initialized");
+        return -1;
+    }
+    log_lock = com_semaphore_init();
+    if (log_lock == nullptr) {
+        REPORT_TO_STDERR("ERROR: low mem");
+        return -1;
+    }
+    store_relaxed(log_initialized, 1);
+    return 0;
+}
+
+namespace {
+
+/// The old name may be the text that the new one was copied from, so it goes last.
+void replace_name(char *name)
+{
+    free(log_name);
+    log_name = name;
+}
+
+} // namespace
+
+int32_t logger_set_name(const char *name)
+{
+    if (name == nullptr) {
+        REPORT_TO_STDERR("ERROR: wrong arg");
+        return -1;
+    }
+    char *copy = strdup(name);
+    if (copy == nullptr) {
+        REPORT_TO_STDERR("ERROR: low mem");
+    }
+    if (log_lock == nullptr) { // not open yet: nobody else is here
+        replace_name(copy);
+    } else {
+        const LogLock lock;
+        replace_name(copy);
+    }
+    return copy != nullptr ? 0 : -1;
+}
+
+int32_t logger_set_config(int32_t max_records, int32_t interval_seconds)
+{
+    if (!is_open()) {
+        REPORT_TO_STDERR("WARNING: logger is not initialized");
+    }
+    store_relaxed(log_rl_max, max_records);
+    store_relaxed(log_rl_interval, interval_seconds);
+    return 0;
+}
+
+void logger_close(void)
+{
+    if (log_lock == nullptr) {
+        return;
+    }
+    const InsideMark mark; // up to the end: a report must not ask for a lock that is going
+    {
+        const LogLock lock;
+        close_log_file();
+        replace_name(nullptr);
+        store_relaxed(log_initialized, 0);
+    }
+    com_semaphore_destroy(log_lock);
+    log_lock = nullptr;
+}
+
+namespace {
+
+struct Verdict {
+    int32_t result;  // 0 write, -1 refuse
+    int32_t carried; // refusals of a period that has just ended
+};
+
+Verdict count_record(ratelimit_slot *slot, int64_t now, int32_t max, int64_t interval)
+{
+    Verdict verdict{};
+    if (slot->period_start == 0) {
+        slot->period_start = now;
+    }
+    if (now - interval > slot->period_start) {
+        verdict.carried = slot->suppressed;
+        *slot = {now, 0, 0};
+    }
+    if (slot->count < max) {
+        ++slot->count;
+        return verdict;
+    }
+    if (slot->suppressed < std::numeric_limits<int32_t>::max()) {
+        ++slot->suppressed;
+    }
+    verdict.result = -1;
+    return verdict;
+}
+
+} // namespace
+
+int32_t _lprintf_ratelimit(ratelimit_slot *slot, const char *file, int32_t line, const char *func)
+{
+    const int32_t max = load_relaxed(log_rl_max);
+    const int64_t interval = load_relaxed(log_rl_interval);
+    if (max < 1 || interval < 1 || inside_library || !is_open()) {
+        return 0;
+    }
+    const ErrnoKeeper errno_keeper;
+    const int64_t now = time(nullptr);
+    Verdict verdict{};
+    {
+        const LogLock lock;
+        verdict = count_record(slot, now, max, interval);
+    }
+    if (verdict.carried > 0) {
+        char *message = _lprintf_fmt("WARNING: %d messages suppressed", verdict.carried);
+        if (message == nullptr) {
+            REPORT_TO_STDERR("ERROR: low memory");
+            return verdict.result;
+        }
+        (void)_lprintf(nullptr, file, line, func, message, message);
+    }
+    return verdict.result;
+}

@@ -1,0 +1,29 @@
+# Flags that every target of the tree is compiled with.
+
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_C_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
+set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
+set(CMAKE_C_FLAGS_RELEASE "-O2 -g")
+set(CMAKE_CXX_FLAGS_RELEASE "-O2 -g")
+
+add_compile_options(
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wformat=2 -Wundef -Wcast-qual -Werror
+  -fstack-protector-strong
+  # Records show where they came from; the build machine's folders are nobody's business.
+  -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+add_link_options(-Wl,-z,relro,-z,now -Wl,--as-needed)
+
+if(TAVLEN_SANITIZE)
+  add_compile_options(-fsanitize=${TAVLEN_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${TAVLEN_SANITIZE})
+else()
+  # The sanitizers bring checks of their own, which fortified calls would bypass.
+  add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+endif()

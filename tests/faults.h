@@ -1,0 +1,68 @@
+/*
+ * Makes the library's calls to the platform fail. The tests are linked so that each such call
+ * arrives in faults.cpp first.
+ */
+#ifndef TAVLEN_TESTS_FAULTS_H
+#define TAVLEN_TESTS_FAULTS_H
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+/// Which calls fail: the n-th alone, or it and all that follow.
+enum class Failing { once, from_then_on };
+
+/// The name for every allocating function together.
+constexpr char allocation[] = "allocation";
+
+/// While it exists, the n-th call (1 is the next) of a platform function fails.
+class Fault {
+public:
+    Fault(const char *function, int n, Failing failing, int64_t result = 0, int error = 0);
+    /// Every call fails.
+    Fault(const char *function, int64_t result, int error)
+        : Fault(function, 1, Failing::from_then_on, result, error)
+    {
+    }
+    ~Fault() { (void)struck(); }
+    Fault(const Fault &) = delete;
+    Fault &operator=(const Fault &) = delete;
+
+    /// Ends the fault; true when a call failed by it.
+    bool struck();
+
+    /// Counts a call of a platform function; true when this one is to fail, errno set.
+    static bool strikes(const char *function, int64_t *result);
+
+private:
+    const char *function_;
+    std::atomic<int> calls_until_;
+    Failing failing_;
+    int64_t result_;
+    int error_;
+    bool struck_ = false;
+};
+
+/// Calls operation(fault) with the 1st, 2nd, ... allocation failing, until it asks for no more.
+template <class Operation>
+void fail_each_allocation(Operation operation)
+{
+    for (const Failing failing : {Failing::once, Failing::from_then_on}) {
+        bool struck = true;
+        for (int n = 1; struck; ++n) {
+            Fault fault(allocation, n, failing);
+            operation(fault);
+            struck = fault.struck();
+        }
+    }
+}
+
+/// What stands in for the platform's clock, sleep and syslog.
+struct FakePlatform {
+    int64_t now = 0;             ///< what time() gives; 0: the real time
+    std::atomic<int> sleeps = 0; ///< calls of sleep(), which returns at once
+    std::string syslog;          ///< the calls of openlog() and syslog(), a line each
+};
+extern FakePlatform fake_platform;
+
+#endif
