@@ -137,7 +137,7 @@ TEST_F(ConfigStore, FileLines)
 
 TEST_F(ConfigStore, LackOfMemoryLeavesNoValueOrStopsTheBuilder)
 {
-    fail_each_allocation([this](Fault &fault) {
+    fail_each_allocation([](Fault &fault) {
         cfg_builder builder;
         char *text = nullptr;
         int32_t number = 0;

@@ -1,5 +1,6 @@
 #include "support.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
@@ -108,4 +109,34 @@ void ReportingTest::TearDown()
     set_log_dest(LOG_DEST_STDOUT, nullptr, nullptr, nullptr);
     logger_close();
     EXPECT_EQ(take_reports(), Reports{}) << "reports that no test asked for";
+}
+
+std::vector<uint8_t> bytes(const std::string &hex)
+{
+    std::vector<uint8_t> result;
+    std::istringstream digits(hex);
+    for (std::string byte; digits >> byte;) {
+        result.push_back(static_cast<uint8_t>(std::stoul(byte, nullptr, 16)));
+    }
+    return result;
+}
+
+EdgeBuffer::EdgeBuffer(const std::vector<uint8_t> &content)
+{
+    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    const size_t readable = (content.size() + page - 1) / page * page;
+    size_ = readable + page;
+    void *pages = mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (pages == MAP_FAILED) {
+        abort();
+    }
+    pages_ = static_cast<uint8_t *>(pages);
+    mprotect(pages_ + readable, page, PROT_NONE);
+    begin_ = pages_ + readable - content.size();
+    std::copy(content.begin(), content.end(), begin_);
+}
+
+EdgeBuffer::~EdgeBuffer()
+{
+    munmap(pages_, size_);
 }

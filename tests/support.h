@@ -64,6 +64,24 @@ private:
     Capture errors_{2};
 };
 
+/// The bytes that hexadecimal text stands for; blanks do not count.
+std::vector<uint8_t> bytes(const std::string &hex);
+
+/// A copy of bytes that ends where the readable memory ends, so that reading on crashes.
+class EdgeBuffer {
+public:
+    explicit EdgeBuffer(const std::vector<uint8_t> &content);
+    ~EdgeBuffer();
+    EdgeBuffer(const EdgeBuffer &) = delete;
+    EdgeBuffer &operator=(const EdgeBuffer &) = delete;
+    uint8_t *begin() const { return begin_; }
+
+private:
+    uint8_t *pages_;
+    size_t size_;
+    uint8_t *begin_;
+};
+
 #define EXPECT_REPORTS(...) EXPECT_EQ(take_reports(), (Reports{__VA_ARGS__}))
 
 #endif
