@@ -2,8 +2,8 @@
  * Locks: a POSIX mutex or a POSIX counting semaphore behind one object.
  *
  * Conventions
- *  1. No operation returns an error code. A failure of the platform call is reported through the
- *     logging macro (logger.h) under the name of the operation.
+ *  1. No operation returns an error code (the makers give null). A failure of the platform call is
+ *     reported through the logging macro (logger.h) under the name of the operation.
  *  2. The creator owns the object and ends it with com_semaphore_destroy, once, when nobody holds
  *     it or waits for it.
  *  3. Every operation may be called from any thread. A mutex is not recursive and is unlocked by

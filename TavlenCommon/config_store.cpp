@@ -46,7 +46,7 @@ bool add_entry(cfg_builder *b, const cfg_entry &entry)
 template <class Match>
 int32_t set_first(cfg_entry *table, const char *text, int32_t priority, Match matches)
 {
-    if (table == nullptr || text == nullptr) {
+    if (table == nullptr) {
         return -1;
     }
     for (cfg_entry *e = table; e->key != nullptr; ++e) {
@@ -112,15 +112,20 @@ int32_t cfg_entry_set(cfg_entry *e, const char *text, int32_t priority)
 
 int32_t cfg_set_by_name(cfg_entry *table, const char *key, const char *text, int32_t priority)
 {
-    return set_first(table, text, priority, [key](const cfg_entry &e) {
-        return key != nullptr && strcasecmp(e.key, key) == 0;
-    });
+    if (key == nullptr) {
+        return -1;
+    }
+    return set_first(table, text, priority,
+                     [key](const cfg_entry &e) { return strcasecmp(e.key, key) == 0; });
 }
 
 int32_t cfg_set_by_option(cfg_entry *table, const char *option, const char *text, int32_t priority)
 {
+    if (option == nullptr) {
+        return -1;
+    }
     return set_first(table, text, priority, [option](const cfg_entry &e) {
-        return option != nullptr && e.option != nullptr && strcmp(e.option, option) == 0;
+        return e.option != nullptr && strcmp(e.option, option) == 0;
     });
 }
 

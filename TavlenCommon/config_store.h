@@ -40,7 +40,7 @@ typedef struct cfg_entry {
 typedef struct cfg_builder {
     cfg_entry *entries; /**< always closed by an entry with a null key */
     int32_t count;      /**< entries without the closing one */
-    int32_t error;      /**< 1 when memory ran out; later adds are ignored */
+    int32_t error;      /**< 1 when the table could not grow; later adds are ignored */
 } cfg_builder;
 
 /** Starts an empty table. -1 when `b` is null or memory ran out. */
@@ -58,8 +58,8 @@ TAVLEN_API void cfg_add_int(cfg_builder *b, const char *key, int32_t def, int32_
                             int32_t *target, uint32_t id, const char *option);
 
 /**
- * Stores a value in the variable bound to `e`, unless its present source is as strong. Numbers are
- * read in base 10 as far as they go (no digits: 0) and cut to 32 bits.
+ * Stores a value in the variable bound to `e`, unless its present source is as strong or stronger.
+ * Numbers are  * read in base 10 as far as they go (no digits: 0) and cut to 32 bits.
  * 0 also when refused for its priority; -1 when `e` or `text` is null.
  */
 TAVLEN_API int32_t cfg_entry_set(cfg_entry *e, const char *text, int32_t priority);

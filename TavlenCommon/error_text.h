@@ -19,7 +19,6 @@ inline void write_error_text(int error, char *buffer, size_t size)
     if (size == 0) {
         return;
     }
-    buffer[0] = '\0';
     const char *text = strerror_r(error, buffer, size);
     if (text != buffer) {
         (void)snprintf(buffer, size, "%s", text);

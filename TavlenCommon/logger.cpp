@@ -11,10 +11,12 @@
 #include <limits>
 #include <syslog.h>
 
+#include <TavlenCommon/atomic_field.h>
+#include <TavlenCommon/com_packet.h>
 #include <TavlenCommon/com_semaphore.h>
 #include <TavlenCommon/error_text.h>
 #include <TavlenCommon/owned.h>
-#include <TavlenCommon/relaxed.h>
+#include <TavlenCommon/socket.h>
 
 using tavlen::load_relaxed;
 using tavlen::store_relaxed;
@@ -25,12 +27,16 @@ constexpr size_t line_size = 4096; // of a line and of a message, with the termi
 constexpr uint32_t highest_mask = 31;
 constexpr char not_open_warning[] = "WARNING: logger not initialized, logging to stderr:";
 
-int32_t log_initialized = 0; // relaxed: read without the lock
+int32_t log_initialized = 0; // publishes log_lock
 com_semaphore *log_lock = nullptr;
 uint32_t log_dest = LOG_DEST_STDOUT; // written under log_lock, read relaxed by get_log_dest
 FILE *log_file = nullptr;
-const char *log_file_name = nullptr; // the caller's text: valid only during set_log_dest
+sock *log_remote_sock = nullptr;
 char *log_name = nullptr;
+// As last given to set_log_dest: the caller's texts, not read once that has returned.
+const char *log_file_name = nullptr;
+const char *log_remote_addr = nullptr;
+const char *log_remote_port = nullptr;
 int32_t log_syslog_opened = 0;
 char log_line[line_size];
 int32_t log_rl_max = 0;      // relaxed
@@ -79,7 +85,7 @@ private:
 
 bool is_open()
 {
-    return load_relaxed(log_initialized) != 0;
+    return tavlen::load_published(log_initialized) != 0;
 }
 
 const char *printable(const char *text)
@@ -99,7 +105,8 @@ unsigned long long now_seconds()
     return static_cast<unsigned long long>(time(nullptr));
 }
 
-/// A failure of the library itself, which may hold its own lock: formatted without allocating.
+/// A failure of the library itself, which may hold its own lock: formatted without allocating, and
+/// cut like any other message.
 __attribute__((format(printf, 3, 4))) void report_to_stderr(int32_t line, const char *func,
                                                             const char *format, ...)
 {
@@ -166,6 +173,15 @@ int32_t compose_line(const char *name, const char *file, int32_t line, const cha
                     base_name(file), line, printable(func), printable(message));
 }
 
+/// What of a line is in the buffer: all, what fits, or what was there when composing failed.
+int32_t composed_length(int32_t whole_length)
+{
+    constexpr int32_t longest = static_cast<int32_t>(line_size) - 1;
+    log_line[longest] = '\0';
+    return whole_length >= 0 ? std::min(whole_length, longest)
+                             : static_cast<int32_t>(strlen(log_line));
+}
+
 } // namespace
 
 int32_t _lprintf(const char *name, const char *file, int32_t line, const char *func,
@@ -184,8 +200,7 @@ int32_t _lprintf(const char *name, const char *file, int32_t line, const char *f
     {
         const LogLock lock;
         whole_length = compose_line(name, file, line, func, message);
-        constexpr int32_t longest = static_cast<int32_t>(line_size) - 1;
-        log_msg_dest(log_line, std::min(whole_length, longest));
+        log_msg_dest(log_line, composed_length(whole_length));
     }
     free(to_free);
     return whole_length;
@@ -198,6 +213,10 @@ int32_t _lprintf_raw(const char *text, int32_t len)
         (void)_lprintf_stderr(__FILE__, __LINE__, __func__, not_open_warning, nullptr);
         (void)_lprintf_stderr(__FILE__, __LINE__, __func__, text, nullptr);
         return -1;
+    }
+    if (inside_library) {
+        (void)_lprintf_stderr(__FILE__, __LINE__, __func__, text, nullptr);
+        return 0;
     }
     const LogLock lock;
     log_msg_dest(text, len);
@@ -222,6 +241,26 @@ void log_msg_dest(const char *text, int32_t length)
     if ((log_dest & LOG_DEST_FILE) != 0 && log_file != nullptr) {
         write_and_flush(log_file, text, bytes);
     }
+    if ((log_dest & LOG_DEST_REMOTE) != 0 && log_remote_sock != nullptr) {
+        log_msg_dest_remote(text, static_cast<int32_t>(bytes));
+    }
+}
+
+void log_msg_dest_remote(const char *text, int32_t length)
+{
+    if (length > 0 && text[length - 1] == '\n') {
+        --length;
+    }
+    const char *name = log_name != nullptr ? log_name : program_invocation_short_name;
+    clpacket *event = clpacket_log_event(name, text, length);
+    if (event == nullptr) {
+        REPORT_TO_STDERR("ERROR: unable to build packet");
+        return;
+    }
+    if (clpacket_sendto(event, log_remote_sock, nullptr, 0) != 0) {
+        REPORT_TO_STDERR("ERROR: unable to send packet (remote logger not started?)");
+    }
+    clpacket_destroy(event);
 }
 
 namespace {
@@ -242,6 +281,14 @@ void close_log_file()
     }
 }
 
+void close_remote()
+{
+    if (log_remote_sock != nullptr) {
+        sock_close(log_remote_sock);
+        log_remote_sock = nullptr;
+    }
+}
+
 } // namespace
 
 void set_log_dest(int32_t mask, const char *file_name, const char *remote_addr,
@@ -253,7 +300,7 @@ void set_log_dest(int32_t mask, const char *file_name, const char *remote_addr,
     const ErrnoKeeper errno_keeper;
     const LogLock lock;
     if (static_cast<uint32_t>(mask) <= highest_mask) {
-        store_relaxed(log_dest, mask);
+        store_relaxed(log_dest, static_cast<uint32_t>(mask));
     } else {
         REPORT_TO_STDERR("wrong log destination (%i) ignored (using: %i)%s", mask,
                          static_cast<int>(log_dest),
@@ -261,8 +308,7 @@ void set_log_dest(int32_t mask, const char *file_name, const char *remote_addr,
     }
     open_syslog_once();
     setup_file_log_dest(file_name);
-    (void)remote_addr;
-    (void)remote_port;
+    setup_remote_log_dest(remote_addr, remote_port);
 }
 
 void setup_file_log_dest(const char *file_name)
@@ -284,6 +330,26 @@ void setup_file_log_dest(const char *file_name)
     }
 }
 
+void setup_remote_log_dest(const char *remote_addr, const char *remote_port)
+{
+    close_remote();
+    log_remote_addr = remote_addr;
+    log_remote_port = remote_port;
+    if ((log_dest & LOG_DEST_REMOTE) == 0) {
+        return;
+    }
+    if (remote_addr == nullptr || remote_port == nullptr) {
+        REPORT_TO_STDERR("remote logging disabled: wrong address ([%s]:%s) ignored",
+                         printable(remote_addr), printable(remote_port));
+        return;
+    }
+    log_remote_sock = sock_connect_general(remote_addr, remote_port, SOCK_DGRAM);
+    if (log_remote_sock == nullptr) {
+        REPORT_TO_STDERR("remote logging disabled: log socket ([%s]:%s) not created",
+                         log_remote_addr, log_remote_port);
+    }
+}
+
 int32_t get_log_dest(void)
 {
     return is_open() ? static_cast<int32_t>(load_relaxed(log_dest)) : -1;
@@ -300,7 +366,7 @@ int32_t logger_open(void)
         REPORT_TO_STDERR("ERROR: low mem");
         return -1;
     }
-    store_relaxed(log_initialized, 1);
+    tavlen::publish(log_initialized, 1);
     return 0;
 }
 
@@ -325,7 +391,7 @@ int32_t logger_set_name(const char *name)
     if (copy == nullptr) {
         REPORT_TO_STDERR("ERROR: low mem");
     }
-    if (log_lock == nullptr) { // not open yet: nobody else is here
+    if (!is_open()) { // nobody else is here
         replace_name(copy);
     } else {
         const LogLock lock;
@@ -353,8 +419,9 @@ void logger_close(void)
     {
         const LogLock lock;
         close_log_file();
+        close_remote();
         replace_name(nullptr);
-        store_relaxed(log_initialized, 0);
+        tavlen::publish(log_initialized, 0);
     }
     com_semaphore_destroy(log_lock);
     log_lock = nullptr;
@@ -394,7 +461,7 @@ int32_t _lprintf_ratelimit(ratelimit_slot *slot, const char *file, int32_t line,
 {
     const int32_t max = load_relaxed(log_rl_max);
     const int64_t interval = load_relaxed(log_rl_interval);
-    if (max < 1 || interval < 1 || inside_library || !is_open()) {
+    if (max < 1 || interval < 1 || slot == nullptr || inside_library || !is_open()) {
         return 0;
     }
     const ErrnoKeeper errno_keeper;

@@ -17,8 +17,10 @@
  *  3. While the library is closed, records go to standard error, each after a warning line.
  *     Failures of the logging library itself, and whatever other modules report while they serve
  *     it, go straight to standard error.
- *  4. Logging leaves errno as it was. Any thread may log; no function here may be called from a
- *     signal handler. logger_open and logger_close are called by one thread at a time.
+ *  4. Logging leaves errno as it was. Any thread may log, also while another opens the library or
+ *     changes its destinations; logger_close is called when no other thread logs any more. A thread
+ *     that may be logging is not cancelled, no function here is called from a signal handler, and
+ *     after fork a child of a threaded process logs only once it has called exec.
  *  5. Results are 0, or -1, unless said otherwise.
  */
 #ifndef TAVLEN_COMMON_LOGGER_H
@@ -50,8 +52,7 @@ typedef struct ratelimit_slot {
 
 /**
  * Logs a message, printf-like: LPRINTF("opened %s", path). The message is cut at 4095 characters.
- * Arguments are evaluated only when the limiter lets the record pass, and after it was asked, so
- * take errno into a variable first.
+ * Arguments are evaluated only when the limiter lets the record pass.
  */
 #define LPRINTF(...)                                                                               \
     do {                                                                                           \
@@ -111,7 +112,8 @@ TAVLEN_API int32_t logger_set_config(int32_t max_records, int32_t interval_secon
  * Chooses the destinations: closes the present file and collector socket and opens what `mask`
  * asks for. A mask outside 0 to 31 is reported and the mask in use kept. A destination that cannot
  * be opened is reported, its bit stays set, and its records are dropped. Does nothing while the
- * library is closed. The texts may be null where their bit is clear.
+ * library is closed. The texts are needed during the call only, and may be null where their bit
+ * is clear.
  */
 TAVLEN_API void set_log_dest(int32_t mask, const char *file_name, const char *remote_addr,
                              const char *remote_port);

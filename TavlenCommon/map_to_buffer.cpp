@@ -151,6 +151,7 @@ owned<mtb_element> new_element(uint16_t name, uint8_t type, int32_t len)
     auto e = tavlen::allocate<mtb_element>();
     if (e != nullptr) {
         *e = mtb_element{nullptr, nullptr, name, type, len, {}};
+        e->value.u64 = 0; // all of the slot: an empty block's pointer is null
     }
     return e;
 }
@@ -159,7 +160,8 @@ owned<mtb_element> new_element(uint16_t name, uint8_t type, int32_t len)
 struct DestroyWhole {
     void operator()(mtb_struct *structr) const
     {
-        // An element of no known type stops the emptying; those behind it take another round.
+        // An element of no known type stops the emptying, which tells; those behind it take another
+        // round.
         while (!is_missing(structr) && structr->buffer->first != nullptr) {
             (void)mtb_free_deserialized_packet(structr);
         }
@@ -395,34 +397,46 @@ int32_t mtb_add_blob(int32_t name, const void *val, int32_t len, mtb_struct *str
 
 namespace {
 
-/// The string array of these texts; null without memory.
-owned_struct new_string_array(uint16_t name, const char *const *texts, int32_t count)
+struct DestroyChain {
+    void operator()(mtb_chain *chain) const;
+};
+using owned_chain = std::unique_ptr<mtb_chain, DestroyChain>;
+
+/// The texts as string elements of a chain; null without memory.
+owned_chain new_string_chain(uint16_t name, const char *const *texts, int32_t count)
 {
-    owned_struct array = new_chained_element(name, MTB_TYPE_STRING_ARRAY);
-    for (int32_t i = 0; array != nullptr && i < count; ++i) {
+    owned_chain chain(tavlen::allocate<mtb_chain>().release());
+    if (chain == nullptr) {
+        return nullptr;
+    }
+    chain_init(chain.get());
+    for (int32_t i = 0; i < count; ++i) {
         const auto len = static_cast<int32_t>(strlen(texts[i]));
-        if (add_string(name, texts[i], len, array->buffer, false) != MTB_OK) {
-            array = nullptr;
+        if (add_string(name, texts[i], len, chain.get(), false) != MTB_OK) {
+            return nullptr;
         }
     }
-    if (array != nullptr) {
-        array->len = count;
-    }
-    return array;
+    return chain;
 }
 
 int32_t add_string_array(int32_t name, const char *const *texts, int32_t count, mtb_struct *structr)
 {
-    owned_struct array = new_string_array(cut_name(name), texts, count);
-    if (array == nullptr) {
+    owned_chain chain = new_string_chain(cut_name(name), texts, count);
+    if (chain == nullptr) {
         return MTB_NOMEM;
     }
     if (mtb_element *present = find_element(structr, name, MTB_TYPE_STRING_ARRAY)) {
-        std::swap(present->buffer, array->buffer); // the old strings go with the new record
+        const owned_chain old(present->buffer);
+        present->buffer = chain.release();
         present->len = count;
-    } else {
-        link_element(structr, array.release());
+        return MTB_OK;
     }
+    auto e = new_element(cut_name(name), MTB_TYPE_STRING_ARRAY, count);
+    if (e == nullptr) {
+        return MTB_NOMEM;
+    }
+    e->buffer = chain.release();
+    link_element(structr, e.release());
     return MTB_OK;
 }
 
@@ -432,16 +446,15 @@ int32_t add_items(int32_t name, const void *items, int32_t count, uint8_t type, 
     return copy != nullptr ? store_block(name, type, std::move(copy), count, structr) : MTB_NOMEM;
 }
 
-/// Every text must be there and fit a string element; gives the first that is or does not, or null.
-const char *const *find_unfit_text(const char *const *texts, int32_t count)
+/// The index of the first text that no string element can hold: null or too long; else `count`.
+int32_t find_unfit_text(const char *const *texts, int32_t count)
 {
     constexpr size_t longest = std::numeric_limits<int32_t>::max();
-    for (int32_t i = 0; i < count; ++i) {
-        if (texts[i] == nullptr || strlen(texts[i]) > longest) {
-            return &texts[i];
-        }
+    int32_t i = 0;
+    while (i < count && texts[i] != nullptr && strlen(texts[i]) <= longest) {
+        ++i;
     }
-    return nullptr;
+    return i;
 }
 
 } // namespace
@@ -467,13 +480,14 @@ int32_t mtb_add_array(int32_t name, const void *val, int32_t count, uint8_t type
         result = add_items(name, val, count, type, structr);
     } else if (kind == Kind::string_array) {
         const auto *texts = static_cast<const char *const *>(val);
-        const char *const *unfit = find_unfit_text(texts, count);
-        if (unfit == nullptr) {
+        const int32_t unfit = find_unfit_text(texts, count);
+        if (unfit == count) {
             result = add_string_array(name, texts, count, structr);
-        } else if (*unfit == nullptr) {
+        } else if (texts[unfit] == nullptr) {
             LPRINTF("ERROR: param 'val' is NULL");
         } else {
-            LPRINTF("ERROR: invalid length specified: %i", static_cast<int32_t>(strlen(*unfit)));
+            LPRINTF("ERROR: invalid length specified: %i",
+                    static_cast<int32_t>(strlen(texts[unfit])));
         }
     } else {
         LPRINTF("ERROR: unknown element type specified %d", type);
@@ -527,8 +541,9 @@ constexpr size_t element_head_size = 3; // name and type
 constexpr size_t count_size = 4;        // of bytes, items or elements
 constexpr size_t counted_head_size = element_head_size + count_size;
 
-/// What the writer has written so far; the room behind the cursor is the caller's word.
+/// Where the writer stands; the room behind the cursor is the caller's word.
 struct Writer {
+    const mtb_struct *root;
     uint8_t *cursor;
 
     template <class T>
@@ -546,12 +561,10 @@ struct Writer {
 
     void count(const mtb_element *e) { number(static_cast<uint32_t>(e->len)); }
 
-    void bytes(const void *data, size_t size)
+    void counted_head(const mtb_element *e)
     {
-        if (size != 0) {
-            memcpy(cursor, data, size);
-            cursor += size;
-        }
+        head(e);
+        count(e);
     }
 
     void items(const void *data, int32_t width, size_t count)
@@ -687,16 +700,10 @@ int32_t binaryze_array_of_struct(const mtb_element *array, Writer &out)
     return MTB_OK;
 }
 
-void write_counted_head(const mtb_element *e, Writer &out)
-{
-    out.head(e);
-    out.number(static_cast<uint32_t>(e->len));
-}
-
 void write_string_array(const mtb_element *array, Writer &out)
 {
     for (const mtb_element *s = array->buffer->first; s != nullptr; s = s->next) {
-        out.number(static_cast<uint32_t>(s->len));
+        out.count(s);
         out.items(s->value.text, 1, item_count(s));
     }
 }
@@ -704,8 +711,8 @@ void write_string_array(const mtb_element *array, Writer &out)
 int32_t mtb_serialize_to_binary(const mtb_struct *structr, Writer &out)
 {
     int32_t result = MTB_OK;
-    // A structure of another type would be a member of a received array: no chain to follow.
-    if (!is_structure(structr)) {
+    // What is no structure comes from a received array of structures, and has no chain to follow.
+    if (structr != out.root && !is_structure(structr)) {
         LPRINTF("ERROR: invalid data type encauntered, type = %d\n", structr->type);
         return MTB_BAD_DATA;
     }
@@ -713,7 +720,7 @@ int32_t mtb_serialize_to_binary(const mtb_struct *structr, Writer &out)
         LPRINTF("ERROR: param 'structr' is uninitialized.");
         return MTB_BAD_ARG;
     }
-    write_counted_head(structr, out);
+    out.counted_head(structr);
     for (const mtb_element *e = structr->buffer->first; e != nullptr && result == MTB_OK;
          e = e->next) {
         const TypeInfo info = type_info(e->type);
@@ -725,18 +732,18 @@ int32_t mtb_serialize_to_binary(const mtb_struct *structr, Writer &out)
         case Kind::string:
         case Kind::blob:
         case Kind::array:
-            write_counted_head(e, out);
+            out.counted_head(e);
             out.items(e->value.data, info.width, item_count(e));
             break;
         case Kind::string_array:
-            write_counted_head(e, out);
+            out.counted_head(e);
             write_string_array(e, out);
             break;
         case Kind::structure:
             result = binaryze_struct(e, out);
             break;
         case Kind::struct_array:
-            write_counted_head(e, out);
+            out.counted_head(e);
             result = binaryze_array_of_struct(e, out);
             if (result != MTB_OK) {
                 LPRINTF("ERROR: failed to binarize array");
@@ -763,7 +770,7 @@ int32_t mtb_serialize_to_binary(const mtb_struct *structr, uint8_t **binary_buff
         LPRINTF("ERROR: param 'binary_buffer' is NULL");
         return MTB_BAD_ARG;
     }
-    Writer out{*binary_buffer};
+    Writer out{structr, *binary_buffer};
     const int32_t result = mtb_serialize_to_binary(structr, out);
     *binary_buffer = out.cursor;
     return result;
@@ -795,29 +802,17 @@ struct Reader {
         left -= static_cast<int32_t>(size);
     }
 
-    /// Reads a count; false when the bytes for it are missing.
-    bool count(int32_t *value)
-    {
-        if (!holds(count_size)) {
-            return false;
-        }
-        *value = static_cast<int32_t>(number<uint32_t>());
-        return true;
-    }
+    int32_t count() { return static_cast<int32_t>(number<uint32_t>()); }
 
-    /// Reads a count whose items are all there; false, and nothing read, when they are not.
-    bool count_of_items(int32_t width, int32_t *value)
+    /// The count in front, which is not consumed; -1 when its bytes, or those of as many items of
+    /// `width` bytes behind it, are missing.
+    int32_t count_of_items(int32_t width) const
     {
         if (!holds(count_size)) {
-            return false;
+            return -1;
         }
-        const auto announced = static_cast<int32_t>(tavlen::load_wire<uint32_t>(cursor));
-        if (announced < 0 || !holds(int64_t{count_size} + int64_t{announced} * width)) {
-            return false;
-        }
-        skip(count_size);
-        *value = announced;
-        return true;
+        const auto count = static_cast<int32_t>(tavlen::load_wire<uint32_t>(cursor));
+        return count >= 0 && holds(int64_t{count_size} + int64_t{count} * width) ? count : -1;
     }
 };
 
@@ -843,16 +838,16 @@ int32_t decode_scalar(uint16_t name, uint8_t type, Reader &in, mtb_struct *struc
 
 int32_t decode_string(uint16_t name, Reader &in, mtb_struct *structr)
 {
-    int32_t len = 0;
-    if (!in.count_of_items(1, &len)) {
+    const int32_t len = in.count_of_items(1);
+    if (len < 0) {
         return MTB_TOO_SHORT;
     }
     auto e = new_element(name, MTB_TYPE_STRING, len);
-    owned<char> text = e != nullptr ? copy_text(in.cursor, len) : nullptr;
+    owned<char> text = e != nullptr ? copy_text(in.cursor + count_size, len) : nullptr;
     if (text == nullptr) {
         return MTB_NOMEM;
     }
-    in.skip(static_cast<size_t>(len));
+    in.skip(count_size + item_count(e.get()));
     e->value.text = text.release();
     chain_append(structr->buffer, e.release());
     return MTB_OK;
@@ -862,8 +857,8 @@ int32_t decode_string(uint16_t name, Reader &in, mtb_struct *structr)
 int32_t decode_items(uint16_t name, uint8_t type, Reader &in, mtb_struct *structr)
 {
     const int32_t width = type_info(type).width;
-    int32_t count = 0;
-    if (!in.count_of_items(width, &count)) {
+    const int32_t count = in.count_of_items(width);
+    if (count < 0) {
         return MTB_TOO_SHORT;
     }
     auto e = new_element(name, type, count);
@@ -876,10 +871,11 @@ int32_t decode_items(uint16_t name, uint8_t type, Reader &in, mtb_struct *struct
         if (items == nullptr) {
             return MTB_NOMEM;
         }
-        (void)tavlen::convert_items(items.get(), in.cursor, width, item_count(e.get()));
+        (void)tavlen::convert_items(items.get(), in.cursor + count_size, width,
+                                    item_count(e.get()));
         e->value.data = items.release();
     }
-    in.skip(size);
+    in.skip(count_size + size);
     chain_append(structr->buffer, e.release());
     return MTB_OK;
 }
@@ -893,20 +889,20 @@ int32_t decode_string_array(uint16_t name, Reader &in, mtb_struct *structr)
     if (array == nullptr) {
         return MTB_NOMEM;
     }
-    (void)in.count(&array->len);
+    array->len = in.count();
     if (array->len < 0) {
         return MTB_TOO_SHORT;
     }
     for (int32_t i = 0; i < array->len; ++i) {
-        int32_t len = 0;
-        if (!in.count_of_items(1, &len)) {
+        const int32_t len = in.count_of_items(1);
+        if (len < 0) {
             return MTB_TOO_SHORT;
         }
-        const auto *text = reinterpret_cast<const char *>(in.cursor);
+        const auto *text = reinterpret_cast<const char *>(in.cursor + count_size);
         if (add_string(name, text, len, array->buffer, false) != MTB_OK) {
             return MTB_NOMEM;
         }
-        in.skip(static_cast<size_t>(len));
+        in.skip(count_size + static_cast<size_t>(len));
     }
     chain_append(structr->buffer, array.release());
     return MTB_OK;
@@ -937,12 +933,13 @@ int32_t get_struct_from_binary_buffer(uint16_t name, uint8_t type, Reader &in, m
     if (!in.holds(count_size)) {
         return MTB_TOO_SHORT;
     }
+    const auto count = in.count();
     mtb_struct *target = type == MTB_TYPE_ROOT ? structr : mtb_struct_new(name);
     if (target == nullptr) {
         return MTB_NOMEM;
     }
     target->type = type;
-    (void)in.count(&target->len);
+    target->len = count;
     const int32_t result = decode_nested(target, in);
     if (result != MTB_OK) {
         LPRINTF("ERROR: failed to map structure %u from binary buffer", unsigned{type});
@@ -963,7 +960,7 @@ int32_t get_array_struct_from_buffer(uint16_t name, uint8_t type, Reader &in, mt
         return MTB_NOMEM;
     }
     array->type = type;
-    (void)in.count(&array->len);
+    array->len = in.count();
     const int32_t result = decode_nested(array, in);
     if (result != MTB_OK) {
         LPRINTF("ERROR: failed to map array %u from binary buffer", unsigned{type});
@@ -1271,14 +1268,36 @@ int32_t get_text_at(const mtb_element *array, int32_t position, void **val)
     return result;
 }
 
-/// The member at a position; null when the array holds fewer.
-mtb_element *member_at(const mtb_element *array, int32_t position)
+/// The structure at a position; null when the array, which was received, holds fewer than it told.
+/// It may hold what is no structure, too, and must not be read as one: bad data.
+int32_t get_member_at(const mtb_element *array, int32_t position, void **val)
 {
     mtb_element *member = array->buffer->first;
     for (int32_t i = 0; i < position && member != nullptr; ++i) {
         member = member->next;
     }
-    return member;
+    if (member != nullptr && !is_structure(member)) {
+        return MTB_BAD_DATA;
+    }
+    *val = member;
+    return MTB_OK;
+}
+
+int32_t get_item_at(const mtb_element *e, int32_t position, void **val)
+{
+    const TypeInfo info = type_info(e->type);
+    if (position < 0 || position >= e->len) {
+        return MTB_BAD_DATA;
+    }
+    switch (info.kind) {
+    case Kind::array:
+        *val = static_cast<uint8_t *>(e->value.data) + static_cast<size_t>(position) * info.width;
+        return MTB_OK;
+    case Kind::struct_array:
+        return get_member_at(e, position, val);
+    default:
+        return MTB_BAD_ARG;
+    }
 }
 
 } // namespace
@@ -1288,38 +1307,23 @@ int32_t mtb_get_array_element(int32_t position, int32_t name, void **val, uint8_
 {
     int32_t result = MTB_OK;
     const mtb_element *e = find_checked(name, type, val, structr, &result);
-    if (result == MTB_NOT_FOUND) {
-        REPORT_NOT_FOUND(name);
-    }
     if (e == nullptr) {
+        if (result == MTB_NOT_FOUND) {
+            REPORT_NOT_FOUND(name);
+        }
         return result;
     }
-    bool reachable = position >= 0 && position < e->len;
-    const TypeInfo info = type_info(type);
-    if (reachable && info.kind == Kind::struct_array) {
-        mtb_element *member = member_at(e, position);
-        // A received array may hold what is no structure and must not be read as one.
-        reachable = member == nullptr || is_structure(member);
-        if (reachable) {
-            *val = member;
-        }
+    const bool in_range = position >= 0 && position < e->len;
+    if (in_range && type == MTB_TYPE_STRING_ARRAY) {
+        return get_text_at(e, position, val); // tells itself
     }
-    if (!reachable) {
+    result = get_item_at(e, position, val);
+    if (result == MTB_BAD_DATA) {
         LPRINTF("ERROR: invalid element position parameter %i", position);
-        return MTB_BAD_DATA;
-    }
-    switch (info.kind) {
-    case Kind::array:
-        *val = static_cast<uint8_t *>(e->value.data) + static_cast<size_t>(position) * info.width;
-        return MTB_OK;
-    case Kind::string_array:
-        return get_text_at(e, position, val);
-    case Kind::struct_array:
-        return MTB_OK;
-    default:
+    } else if (result == MTB_BAD_ARG) {
         LPRINTF("ERROR: unknown element type specified: %d", type);
-        return MTB_BAD_ARG;
     }
+    return result;
 }
 
 // ------------------------------------------------------------------------------------- releasing
@@ -1374,6 +1378,16 @@ int32_t free_deserialized_buffer(mtb_chain *chain)
         }
     }
     return MTB_OK;
+}
+
+} // namespace
+
+namespace {
+
+void DestroyChain::operator()(mtb_chain *chain) const
+{
+    (void)free_deserialized_buffer(chain);
+    free(chain);
 }
 
 } // namespace

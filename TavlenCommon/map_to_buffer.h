@@ -113,8 +113,8 @@ struct mtb_element {
     mtb_element *next, *prev;
     uint16_t name;
     uint8_t type;
-    int32_t
-        len; /**< bytes of a string or blob, items of an array, elements of a structure; else 0 */
+    /** bytes of a string or blob, items of an array, elements of a structure; else 0 */
+    int32_t len;
     union {
         mtb_value value;
         mtb_chain *buffer; /**< of structures, string arrays and arrays of structures */
@@ -188,8 +188,9 @@ TAVLEN_API int32_t mtb_serialize_to_binary(const mtb_struct *structr, uint8_t **
  * moves both along. A buffer that ends after a whole element ends the reading well. An element of
  * type MTB_TYPE_ROOT gives its elements to the structure itself. Nothing outside the given bytes is
  * read; memory and time are bounded by their number.
- * After a failure the structure is empty (unless a single byte was left where an element should
- * begin: what was read until then stays). -1, -2, -3, -4.
+ * Refused arguments (-2) leave all as it is. After any other failure the structure is empty, also
+ * of what it held before; only when a single byte is left where an element should begin, what was
+ * read until then stays. Nesting deeper than MTB_MAX_DEPTH is bad data. -1, -2, -3, -4.
  */
 TAVLEN_API int32_t mtb_binary_deserialize(mtb_struct *structr, uint8_t **binary_buffer,
                                           int32_t *size, int32_t element_count);

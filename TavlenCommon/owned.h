@@ -1,5 +1,4 @@
-/* Internal: owners for memory of the malloc family, so that error paths need no free of their own.
- */
+/* Internal: owners for memory of the malloc family; error paths need no free of their own. */
 #ifndef TAVLEN_COMMON_OWNED_H
 #define TAVLEN_COMMON_OWNED_H
 

@@ -1,8 +1,11 @@
 #include <cstdio>
 #include <cstring>
 
+#include <TavlenCommon/com_packet.h>
 #include <TavlenCommon/logger.h>
+#include <TavlenCommon/socket.h>
 #include <TavlenLogger/config.h>
+#include <TavlenLogger/main.h>
 
 namespace {
 
@@ -10,7 +13,7 @@ constexpr char revision[] = "164281";
 constexpr char revision_suffix[] = "";
 constexpr char default_config_path[] = "TavlenLogger.conf";
 
-enum { EXIT_USAGE = 255, EXIT_NO_SOCKET = 4 };
+enum { EXIT_FAILED = 255, EXIT_NO_SOCKET = 4 };
 
 void print_usage(const char *program)
 {
@@ -51,20 +54,71 @@ const char *apply_command_line(int argc, char **argv)
 
 } // namespace
 
+int32_t msg_extract(clpacket *p)
+{
+    if (clpacket_get_type(p) != CLPACKET_LOG_EVENT) {
+        LPRINTF("wrong type");
+        return -1;
+    }
+    int32_t version = 0;
+    char *name = nullptr;
+    char *text = nullptr;
+    uint32_t name_len = 0;
+    uint32_t text_len = 0;
+    (void)clpacket_get_int32_signed(p, LOG_EVENT_FIELD_VERSION, &version);
+    (void)clpacket_get_string(p, LOG_EVENT_FIELD_NAME, &name, &name_len);
+    (void)clpacket_get_string(p, LOG_EVENT_FIELD_LINE, &text, &text_len);
+    if (clpacket_get_error_state(p) != 0) {
+        LPRINTF("packet decode error");
+        return -1;
+    }
+    if (text_len > 0 && text[text_len - 1] == '\n') {
+        text[text_len - 1] = '\0';
+    }
+    if (version != LOG_EVENT_VERSION) {
+        LPRINTF("wrong version (%i instead of 1)", version);
+        return -1;
+    }
+    (void)_lprintf(name, nullptr, 0, nullptr, text, nullptr);
+    return 0;
+}
+
+int32_t msg_recv_loop(sock *s)
+{
+    for (;;) {
+        clpacket *p = clpacket_create();
+        if (p == nullptr) {
+            LPRINTF("low mem");
+            return -1;
+        }
+        if (clpacket_recvfrom(p, s, nullptr, nullptr) == 0 && msg_extract(p) != 0) {
+            LPRINTF("wrong message ignored");
+        }
+        clpacket_destroy(p);
+    }
+}
+
 int main(int argc, char **argv)
 {
-    (void)config_init(); // a failure shows as soon as a setting is needed
+    // Without memory for the settings an option fails, and without one so does the listening
+    // socket, or the collector runs on what settings there are.
+    (void)config_init();
     if (logger_open() != 0 || logger_set_name("logger") != 0) {
-        return EXIT_USAGE;
+        return EXIT_FAILED;
     }
     const char *config_path = apply_command_line(argc, argv);
     if (config_path == nullptr) {
         print_usage(argv[0]);
-        return EXIT_USAGE;
+        return EXIT_FAILED;
     }
     config_set(config_path);
     const logger_settings *settings = config_get_settings();
     set_log_dest(settings->DefaultLogDest, settings->LogFileName, settings->RemoteLoggerAddr,
                  settings->RemoteLoggerPort);
-    return EXIT_NO_SOCKET;
+    sock *listener = sock_listen_general(settings->ListenAddr, settings->ListenPort, SOCK_DGRAM);
+    if (listener == nullptr) {
+        return EXIT_NO_SOCKET;
+    }
+    LPRINTF("Logger started (revision %s)...", revision);
+    return msg_recv_loop(listener);
 }

@@ -17,7 +17,7 @@ add_compile_options(
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wformat=2 -Wundef -Wcast-qual -Werror
   -fstack-protector-strong
   # Records show where they came from; the build machine's folders are nobody's business.
-  -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+  -ffile-prefix-map=${PROJECT_SOURCE_DIR}/= -ffile-prefix-map=${PROJECT_BINARY_DIR}=build)
 add_link_options(-Wl,-z,relro,-z,now -Wl,--as-needed)
 
 if(TAVLEN_SANITIZE)

@@ -6,8 +6,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <netdb.h>
 #include <pthread.h>
 #include <semaphore.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 FakePlatform fake_platform;
 
@@ -69,8 +73,52 @@ WRAP(int, sem_init, (sem_t * s, int shared, unsigned value), (s, shared, value))
 WRAP(int, sem_wait, (sem_t * s), (s))
 WRAP(int, sem_post, (sem_t * s), (s))
 WRAP(int, sem_destroy, (sem_t * s), (s))
+WRAP(int, socket, (int domain, int type, int protocol), (domain, type, protocol))
+WRAP(int, close, (int descriptor), (descriptor))
+WRAP(int, setsockopt, (int fd, int level, int name, const void *value, socklen_t size),
+     (fd, level, name, value, size))
+WRAP(int, bind, (int fd, const sockaddr *address, socklen_t size), (fd, address, size))
+WRAP(int, listen, (int fd, int backlog), (fd, backlog))
+WRAP(int, connect, (int fd, const sockaddr *address, socklen_t size), (fd, address, size))
 
 extern "C" {
+
+int __wrap_select(int count, fd_set *rd, fd_set *wr, fd_set *ex, timeval *timeout);
+int __real_select(int count, fd_set *rd, fd_set *wr, fd_set *ex, timeval *timeout);
+int __wrap_select(int count, fd_set *rd, fd_set *wr, fd_set *ex, timeval *timeout)
+{
+    fake_platform.selected = count;
+    return __real_select(count, rd, wr, ex, timeout);
+}
+
+int __wrap_getaddrinfo(const char *, const char *, const addrinfo *, addrinfo **list);
+int __real_getaddrinfo(const char *, const char *, const addrinfo *, addrinfo **list);
+int __wrap_getaddrinfo(const char *server, const char *port, const addrinfo *hints, addrinfo **list)
+{
+    static addrinfo made_up[4];
+    const size_t count = fake_platform.families.size();
+    for (size_t i = 0; i < count; ++i) {
+        made_up[i] = {0,
+                      fake_platform.families[i],
+                      hints->ai_socktype,
+                      0,
+                      0,
+                      nullptr,
+                      nullptr,
+                      i + 1 < count ? &made_up[i + 1] : nullptr};
+    }
+    *list = made_up;
+    return count != 0 ? 0 : __real_getaddrinfo(server, port, hints, list);
+}
+
+void __wrap_freeaddrinfo(addrinfo *list);
+void __real_freeaddrinfo(addrinfo *list);
+void __wrap_freeaddrinfo(addrinfo *list)
+{
+    if (fake_platform.families.empty()) {
+        __real_freeaddrinfo(list);
+    }
+}
 
 unsigned __wrap_sleep(unsigned seconds);
 unsigned __wrap_sleep(unsigned)

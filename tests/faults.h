@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 /// Which calls fail: the n-th alone, or it and all that follow.
 enum class Failing { once, from_then_on };
@@ -62,6 +63,8 @@ struct FakePlatform {
     int64_t now = 0;             ///< what time() gives; 0: the real time
     std::atomic<int> sleeps = 0; ///< calls of sleep(), which returns at once
     std::string syslog;          ///< the calls of openlog() and syslog(), a line each
+    std::vector<int> families;   ///< unless empty: of the addresses that getaddrinfo() gives
+    int selected = 0;            ///< the count that select() was last called with
 };
 extern FakePlatform fake_platform;
 

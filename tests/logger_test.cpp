@@ -2,10 +2,12 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <regex>
+#include <cstring>
+#include <netinet/in.h>
 #include <syslog.h>
 #include <thread>
 
+#include <TavlenCommon/buffer_packet.h>
 #include <TavlenCommon/com_semaphore.h>
 
 #include "faults.h"
@@ -308,6 +310,147 @@ TEST_F(Logger, ThreadsNeverMixLines)
         EXPECT_EQ(record.message.substr(2),
                   std::string(100, static_cast<char>('a' + (thread - '0'))));
     }
+}
+
+// ------------------------------------------------------------------------------ remote collector
+
+/// What a collector would receive, as packets.
+class RemoteLogger : public Logger {
+protected:
+    void SetUp() override
+    {
+        Logger::SetUp();
+        ASSERT_EQ(logger_open(), 0);
+        collector_ = sock_listen_general("127.0.0.1", "0", SOCK_DGRAM);
+        sockaddr_in address{};
+        socklen_t length = sizeof address;
+        sock_getsockname(collector_, reinterpret_cast<sockaddr *>(&address), &length);
+        port_ = std::to_string(ntohs(address.sin_port));
+    }
+    void TearDown() override
+    {
+        sock_close(collector_);
+        Logger::TearDown();
+    }
+    /// "name|line" of the next log event; "" when none has come. Logs nothing itself.
+    std::string next_event()
+    {
+        static char datagram[65536];
+        const ssize_t size = recv(collector_->fd, datagram, sizeof datagram, MSG_DONTWAIT);
+        if (size <= 4) {
+            return "";
+        }
+        clpacket *p = clpacket_create();
+        EXPECT_EQ(clpacket_alloc_buffer(p, static_cast<uint64_t>(size - 4)), 0);
+        memcpy(p->buffer, datagram + 4, p->buffer_size);
+        char *name = nullptr;
+        char *line = nullptr;
+        uint32_t len = 0;
+        EXPECT_EQ(clpacket_get_string(p, 2, &name, &len), 0);
+        EXPECT_EQ(clpacket_get_string(p, 3, &line, &len), 0);
+        const std::string event = std::string(name) + "|" + std::string(line, len);
+        clpacket_destroy(p);
+        return event;
+    }
+
+    sock *collector_ = nullptr;
+    std::string port_;
+};
+
+TEST_F(RemoteLogger, EachLineIsOneEventWithoutItsLineFeed)
+{
+    set_log_dest(LOG_DEST_REMOTE, nullptr, "127.0.0.1", port_.c_str());
+    (void)_lprintf("relayed", nullptr, 0, nullptr, "no name set", nullptr);
+    EXPECT_EQ(next_event(), std::string(program_invocation_short_name) + "|relayed: no name set");
+    EXPECT_EQ(logger_set_name("me"), 0);
+    const struct {
+        std::string raw;
+        std::string event;
+    } cases[] = {
+        {"abc\n", "me|abc"},
+        {"abc", "me|abc"},
+        {"abc\n\n", "me|abc\n"},
+        {"\n", "me|"},
+        {"", "me|"},
+        {std::string(65000, 'x'), "me|" + std::string(65000, 'x')},
+    };
+    for (const auto &c : cases) {
+        EXPECT_EQ(_lprintf_raw(c.raw.c_str(), static_cast<int32_t>(c.raw.size())), 0);
+        EXPECT_EQ(next_event(), c.event);
+    }
+    logger_set_config(1, 100);
+    LPRINTF("through the limiter");
+    EXPECT_EQ(next_event().substr(0, 24), "me|1700000000:logger_tes");
+    set_log_dest(LOG_DEST_STDOUT, nullptr, "127.0.0.1", port_.c_str());
+    LPRINTF("not any more");
+    EXPECT_EQ(next_event(), "");
+}
+
+// Each failure is told on standard error once, nothing waits for a lock, and local lines go on.
+TEST_F(RemoteLogger, FailuresLeaveLocalDestinationsUnharmed)
+{
+    constexpr int32_t mask = LOG_DEST_STDOUT | LOG_DEST_REMOTE;
+    const std::string setup = "setup_remote_log_dest";
+    const std::string disabled = "remote logging disabled: ";
+    const Report closed{"socket_close", "WARNING: socket is closed"};
+    const struct {
+        const char *address;
+        const char *port;
+        Reports reports;
+    } setups[] = {
+        {nullptr, nullptr, {{setup, disabled + "wrong address ([(null)]:(null)) ignored"}}},
+        {"127.0.0.1", nullptr, {{setup, disabled + "wrong address ([127.0.0.1]:(null)) ignored"}}},
+        {"256.0.0.1", "1", {closed, {setup, disabled + "log socket ([256.0.0.1]:1) not created"}}},
+    };
+    logger_set_config(1, 1000); // what serves the library is never limited
+    for (const auto &c : setups) {
+        set_log_dest(mask, nullptr, c.address, c.port);
+        EXPECT_EQ(take_reports(), c.reports);
+        EXPECT_EQ(get_log_dest(), mask);
+        (void)_lprintf("n", nullptr, 0, nullptr, "local", nullptr);
+        EXPECT_EQ(output_.take(), "n: local\n");
+        EXPECT_REPORTS();
+    }
+    set_log_dest(mask, nullptr, "127.0.0.1", port_.c_str());
+    const std::string huge(65600, 'x');
+    EXPECT_EQ(_lprintf_raw(huge.c_str(), 65600), 0);
+    EXPECT_EQ(output_.take(), huge);
+    EXPECT_EQ(take_reports().at(1),
+              (Report{"log_msg_dest_remote",
+                      "ERROR: unable to send packet (remote logger not started?)"}));
+
+    sock *gone = sock_listen_general("127.0.0.1", "0", SOCK_DGRAM);
+    std::swap(gone, collector_);
+    sock_close(gone); // the collector ends: its host refuses, and every other send tells
+    size_t told = 0;
+    for (int i = 0; i < 6; ++i) {
+        (void)_lprintf("n", nullptr, 0, nullptr, "local", nullptr);
+        EXPECT_EQ(output_.take(), "n: local\n");
+        told += take_reports().size();
+    }
+    EXPECT_GE(told, 2U);
+    EXPECT_LE(told, 5U);
+}
+
+TEST_F(RemoteLogger, LackOfMemoryLosesTheEventAndNothingElse)
+{
+    set_log_dest(LOG_DEST_STDOUT | LOG_DEST_REMOTE, nullptr, "127.0.0.1", port_.c_str());
+    fail_each_allocation([this](Fault &fault) {
+        (void)_lprintf("n", nullptr, 0, nullptr, "local", nullptr);
+        const bool struck = fault.struck();
+        EXPECT_EQ(output_.take(), "n: local\n");
+        const Reports reports = take_reports();
+        EXPECT_EQ(reports.empty(), !struck);
+        EXPECT_EQ(next_event().empty(), struck);
+        EXPECT_TRUE(!struck || reports.back().function == "log_msg_dest_remote");
+    });
+    fail_each_allocation([this](Fault &fault) {
+        set_log_dest(LOG_DEST_REMOTE, nullptr, "127.0.0.1", port_.c_str());
+        const bool struck = fault.struck();
+        const Reports reports = take_reports();
+        EXPECT_EQ(reports.empty(), !struck);
+        EXPECT_TRUE(!struck || reports.back().function == "setup_remote_log_dest");
+    });
 }
 
 } // namespace

@@ -479,6 +479,25 @@ TEST_F(MapToBuffer, MalformedBuffers)
         EXPECT_EQ(take_reports(), c.reports) << c.wire;
         EXPECT_EQ(decoded.root->buffer->first, nullptr) << c.wire;
     }
+    // What is missing is not consumed, and what was in the structure before goes too.
+    const struct {
+        std::string wire;
+        int32_t left;
+    } stops[] = {
+        {"00 02 0c 00 00 00 02 61", 5}, {"00 02 13 00 00 00 01 00", 5},
+        {"00 02 1b 00 00 00 01 00", 1}, {"00 02 07 01 02 03", 3},
+        {"00 02 0e 00 00 00", 3},       {"00 02 0e ff ff ff ff 09", 1},
+    };
+    for (const auto &c : stops) {
+        const Structure s = rich_structure();
+        const EdgeBuffer buffer(bytes(c.wire));
+        uint8_t *cursor = buffer.begin();
+        auto left = static_cast<int32_t>(bytes(c.wire).size());
+        EXPECT_LT(mtb_binary_deserialize(s.get(), &cursor, &left, 1), 0);
+        EXPECT_EQ(left, c.left) << c.wire;
+        EXPECT_EQ(s->buffer->first, nullptr);
+    }
+    take_reports();
     // At the outermost level one byte too many leaves what was read.
     const Structure s = new_structure();
     std::vector<uint8_t> wire = bytes(number + "00");
@@ -722,6 +741,7 @@ TEST_F(MapToBuffer, LackOfMemoryWhileReading)
         const int32_t result = mtb_binary_deserialize(root.get(), &cursor, &left, 1);
         const bool struck = fault.struck();
         EXPECT_EQ(result, struck ? MTB_NOMEM : MTB_OK);
+        EXPECT_EQ(cursor + left, wire.data() + wire.size());
         EXPECT_EQ(root->buffer->first == nullptr, struck);
         const Reports reports = take_reports();
         EXPECT_EQ(reports.empty(), !struck);

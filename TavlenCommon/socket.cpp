@@ -1,0 +1,667 @@
+#include <TavlenCommon/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <netdb.h>
+#include <unistd.h>
+#include <utility>
+
+#include <TavlenCommon/atomic_field.h>
+#include <TavlenCommon/error_text.h>
+#include <TavlenCommon/logger.h>
+#include <TavlenCommon/owned.h>
+#include <TavlenCommon/wire_order.h>
+
+using tavlen::load_relaxed;
+using tavlen::owned;
+using tavlen::store_relaxed;
+
+// ---------------------------------------------------------------------------------------- object
+
+namespace {
+
+constexpr int32_t no_descriptor = -1;
+
+/// Closes and frees without a word; for locks that were never made, too.
+struct FreeSock {
+    void operator()(sock *s) const
+    {
+        if (s->fd != no_descriptor) {
+            (void)close(s->fd);
+        }
+        for (com_semaphore **lock : {&s->sem_read, &s->sem_write, &s->sem_ref}) {
+            if (*lock != nullptr) {
+                com_semaphore_destroy(*lock);
+                *lock = nullptr;
+            }
+        }
+        free(s);
+    }
+};
+using owned_sock = std::unique_ptr<sock, FreeSock>;
+
+class LockGuard {
+public:
+    explicit LockGuard(com_semaphore *lock) : lock_(lock) { com_semaphore_lock(lock_); }
+    ~LockGuard() { com_semaphore_unlock(lock_); }
+    LockGuard(const LockGuard &) = delete;
+    LockGuard &operator=(const LockGuard &) = delete;
+
+private:
+    com_semaphore *lock_;
+};
+
+/// The descriptor, which a thread that disconnects may take away at the same time.
+int32_t descriptor_of(const sock *s)
+{
+    return s != nullptr ? load_relaxed(s->fd) : no_descriptor;
+}
+
+void keep_error(sock *s, int error)
+{
+    store_relaxed(s->error, error);
+}
+
+/// Passes the result of a platform call on; a failure leaves its errno in the object.
+int32_t keep_failure(sock *s, int result)
+{
+    if (result == -1) {
+        keep_error(s, errno);
+    }
+    return result;
+}
+
+} // namespace
+
+sock *socket_create(void)
+{
+    owned_sock s(tavlen::allocate<sock>().release());
+    if (s == nullptr) {
+        LPRINTF("ERROR: low mem");
+        return nullptr;
+    }
+    *s = sock{no_descriptor, 0, nullptr, nullptr, nullptr, 1};
+    s->sem_read = com_semaphore_init();
+    if (s->sem_read == nullptr) {
+        LPRINTF("ERROR: sock->sem_read init failed");
+        return nullptr;
+    }
+    s->sem_write = com_semaphore_init();
+    if (s->sem_write == nullptr) {
+        LPRINTF("ERROR: sock->sem_write init failed");
+        return nullptr;
+    }
+    s->sem_ref = com_semaphore_init();
+    if (s->sem_ref == nullptr) {
+        LPRINTF("ERROR: sock->sem_ref init failed");
+        return nullptr;
+    }
+    return s.release();
+}
+
+sock *sock_socket(int32_t domain, int32_t type, int32_t protocol)
+{
+    owned_sock s(socket_create());
+    if (s == nullptr) {
+        LPRINTF("ERROR: failed to create socket");
+        return nullptr;
+    }
+    s->fd = keep_failure(s.get(), socket(domain, type | SOCK_CLOEXEC, protocol));
+    return s->fd != no_descriptor ? s.release() : nullptr;
+}
+
+void socket_close(sock *s)
+{
+    if (s == nullptr) {
+        LPRINTF("ERROR: sock is NULL");
+        return;
+    }
+    const int32_t fd = tavlen::exchange_relaxed(s->fd, no_descriptor);
+    if (fd == no_descriptor) {
+        LPRINTF("WARNING: socket is closed");
+        return;
+    }
+    if (close(fd) != 0) {
+        LPRINTF("ERROR: unable to close the socket");
+    }
+}
+
+void sock_disconnect(sock *s)
+{
+    if (s == nullptr) {
+        LPRINTF("ERROR: sock is NULL");
+        return;
+    }
+    (void)shutdown(descriptor_of(s), SHUT_RDWR);
+    com_semaphore_lock(s->sem_read);
+    com_semaphore_lock(s->sem_write);
+    socket_close(s);
+    com_semaphore_unlock(s->sem_read);
+    com_semaphore_unlock(s->sem_write);
+}
+
+void sock_close(sock *s)
+{
+    if (s == nullptr) {
+        LPRINTF("ERROR: invalid arguments");
+        return;
+    }
+    if (load_relaxed(s->ref_count) >= 2) {
+        LPRINTF("WARNING: sock in use");
+        return;
+    }
+    (void)shutdown(s->fd, SHUT_RDWR);
+    socket_close(s);
+    FreeSock()(s);
+}
+
+void sock_ref(sock *s)
+{
+    if (s == nullptr) {
+        LPRINTF("WARNING: sock is NULL");
+        return;
+    }
+    if (s->sem_ref == nullptr) {
+        LPRINTF("WARNING: sem_ref is NULL");
+        return;
+    }
+    const LockGuard lock(s->sem_ref);
+    store_relaxed(s->ref_count, s->ref_count + 1);
+}
+
+void sock_unref(sock *s)
+{
+    if (s == nullptr) {
+        LPRINTF("ERROR: sock is NULL");
+        return;
+    }
+    if (s->sem_ref == nullptr) {
+        return;
+    }
+    {
+        const LockGuard lock(s->sem_ref);
+        store_relaxed(s->ref_count, s->ref_count - 1);
+        if (s->ref_count < 0) {
+            LPRINTF("WARNING: sock ref_count < 0");
+        }
+        if (s->ref_count > 0) {
+            return;
+        }
+        (void)shutdown(s->fd, SHUT_RDWR);
+        socket_close(s);
+    }
+    FreeSock()(s);
+}
+
+#define DEFINE_LOCK_WRAPPER(function, operation, lock)                                             \
+    void function(sock *s)                                                                         \
+    {                                                                                              \
+        if (s == nullptr) {                                                                        \
+            LPRINTF("ERROR: invalid arguments");                                                   \
+        } else {                                                                                   \
+            operation(s->lock);                                                                    \
+        }                                                                                          \
+    }
+DEFINE_LOCK_WRAPPER(sock_lock_r, com_semaphore_lock, sem_read)
+DEFINE_LOCK_WRAPPER(sock_unlock_r, com_semaphore_unlock, sem_read)
+DEFINE_LOCK_WRAPPER(sock_lock_w, com_semaphore_lock, sem_write)
+DEFINE_LOCK_WRAPPER(sock_unlock_w, com_semaphore_unlock, sem_write)
+#undef DEFINE_LOCK_WRAPPER
+
+// --------------------------------------------------------------------------------------- queries
+
+int32_t sock_socket_get_error(sock *s)
+{
+    if (s == nullptr) {
+        LPRINTF("ERROR: invalid argument");
+        return -1;
+    }
+    return load_relaxed(s->error);
+}
+
+char *sock_socket_strerror(sock *s, char *buf, size_t size)
+{
+    if (s == nullptr) {
+        LPRINTF("ERROR: sock is NULL");
+        return nullptr;
+    }
+    if (buf == nullptr) {
+        LPRINTF("ERROR: buf is NULL");
+        return nullptr;
+    }
+    tavlen::write_error_text(load_relaxed(s->error), buf, size);
+    return buf;
+}
+
+int32_t sock_get_sock_type(sock *s)
+{
+    if (s == nullptr) {
+        LPRINTF("ERROR: invalid arguments");
+        return -1;
+    }
+    int32_t type = 0;
+    socklen_t length = sizeof type;
+    if (getsockopt(descriptor_of(s), SOL_SOCKET, SO_TYPE, &type, &length) != 0) {
+        LPRINTF("ERROR: could not get socket type");
+        return -1;
+    }
+    return type;
+}
+
+int32_t sock_setsockopt(sock *s, int32_t level, int32_t name, const void *value, socklen_t len)
+{
+    if (s == nullptr) {
+        LPRINTF("ERROR: NULL param: sock");
+        return -1;
+    }
+    return keep_failure(s, setsockopt(descriptor_of(s), level, name, value, len));
+}
+
+int32_t sock_getsockname(sock *s, struct sockaddr *addr, socklen_t *len)
+{
+    if (s == nullptr) {
+        LPRINTF("ERROR: NULL param: sock");
+        return -1;
+    }
+    return keep_failure(s, getsockname(descriptor_of(s), addr, len));
+}
+
+int32_t sock_getpeername_str(sock *s, char *buf, size_t size)
+{
+    if (s == nullptr) {
+        LPRINTF("ERROR: sock is NULL");
+        return -1;
+    }
+    if (buf == nullptr) {
+        LPRINTF("ERROR: buf is NULL");
+        return -1;
+    }
+    sockaddr_storage address;
+    socklen_t length = sizeof address;
+    auto *peer = reinterpret_cast<sockaddr *>(&address);
+    if (keep_failure(s, getpeername(descriptor_of(s), peer, &length)) != 0) {
+        return -1;
+    }
+    char host[NI_MAXHOST];
+    char service[NI_MAXSERV];
+    const int result = getnameinfo(peer, length, host, sizeof host, service, sizeof service,
+                                   NI_NUMERICHOST | NI_NUMERICSERV);
+    if (result == 0) {
+        (void)snprintf(buf, size, "%s:%s", host, service);
+    }
+    return result;
+}
+
+// -------------------------------------------------------------------------------- descriptor sets
+
+sock_fd_set *sock_fd_set_init(void)
+{
+    auto *set = static_cast<sock_fd_set *>(calloc(1, sizeof(sock_fd_set)));
+    if (set == nullptr) {
+        LPRINTF("ERROR: low mem");
+    }
+    return set;
+}
+
+void sock_fd_set_destroy(sock_fd_set *set)
+{
+    if (set == nullptr) {
+        LPRINTF("ERROR: NULL param: set");
+    }
+    free(set);
+}
+
+void sock_FD_ZERO(sock_fd_set *set)
+{
+    if (set == nullptr) {
+        LPRINTF("ERROR: NULL param: set");
+        return;
+    }
+    FD_ZERO(&set->fds);
+    set->max_fd = 0;
+}
+
+namespace {
+
+bool is_settable(int32_t fd, const sock_fd_set *set)
+{
+    return set != nullptr && fd >= 0 && fd < FD_SETSIZE;
+}
+
+} // namespace
+
+/// Says, under the name of the function it stands in, why a descriptor is not settable.
+#define REPORT_UNSETTABLE(s, set, fd)                                                              \
+    if ((s) == nullptr) {                                                                          \
+        LPRINTF("ERROR: NULL param: sock");                                                        \
+    } else if ((set) == nullptr) {                                                                 \
+        LPRINTF("ERROR: NULL param: set");                                                         \
+    } else {                                                                                       \
+        LPRINTF("ERROR: invalid descriptor %i", fd);                                               \
+    }
+
+void sock_FD_SET(sock *s, sock_fd_set *set)
+{
+    const int32_t fd = descriptor_of(s);
+    if (!is_settable(fd, set)) {
+        REPORT_UNSETTABLE(s, set, fd)
+        return;
+    }
+    FD_SET(fd, &set->fds);
+    set->max_fd = std::max(set->max_fd, fd);
+}
+
+void sock_FD_CLR(sock *s, sock_fd_set *set)
+{
+    const int32_t fd = descriptor_of(s);
+    if (!is_settable(fd, set)) {
+        REPORT_UNSETTABLE(s, set, fd)
+        return;
+    }
+    FD_CLR(fd, &set->fds);
+}
+
+int32_t sock_FD_ISSET(sock *s, sock_fd_set *set)
+{
+    const int32_t fd = descriptor_of(s);
+    if (!is_settable(fd, set)) {
+        REPORT_UNSETTABLE(s, set, fd)
+        return s == nullptr || set == nullptr ? -1 : 0;
+    }
+    return FD_ISSET(fd, &set->fds) ? 1 : 0;
+}
+
+int32_t sock_select(sock_fd_set *rd, sock_fd_set *wr, sock_fd_set *ex, struct timeval *timeout)
+{
+    int32_t highest = 0;
+    for (const sock_fd_set *set : {rd, wr, ex}) {
+        highest = std::max(highest, set != nullptr ? set->max_fd : 0);
+    }
+    const auto fds = [](sock_fd_set *set) { return set != nullptr ? &set->fds : nullptr; };
+    return select(highest + 1, fds(rd), fds(wr), fds(ex), timeout);
+}
+
+// --------------------------------------------------------------------------------------- opening
+
+namespace {
+
+constexpr int listen_backlog = 128;
+
+struct FreeAddresses {
+    void operator()(addrinfo *list) const { freeaddrinfo(list); }
+};
+using address_list = std::unique_ptr<addrinfo, FreeAddresses>;
+
+/// The resolver's addresses, in its order; null when it knows none.
+address_list resolve(const char *server, const char *port, int32_t sock_type, int flags)
+{
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = sock_type;
+    hints.ai_flags = flags;
+    addrinfo *list = nullptr;
+    return address_list(getaddrinfo(server, port, &hints, &list) == 0 ? list : nullptr);
+}
+
+bool open_descriptor(sock *s, const addrinfo *address)
+{
+    s->fd = socket(address->ai_family, address->ai_socktype | SOCK_CLOEXEC, address->ai_protocol);
+    return s->fd != no_descriptor;
+}
+
+bool bind_to(sock *s, const addrinfo *address)
+{
+    const int32_t on = 1;
+    return setsockopt(s->fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0 &&
+           bind(s->fd, address->ai_addr, address->ai_addrlen) == 0;
+}
+
+/// Leaves the object with a bound descriptor, or with none.
+void bind_to_first(sock *s, const addrinfo *list)
+{
+    for (const addrinfo *address = list; address != nullptr; address = address->ai_next) {
+        if (!open_descriptor(s, address)) {
+            continue;
+        }
+        if (bind_to(s, address)) {
+            return;
+        }
+        socket_close(s);
+    }
+}
+
+} // namespace
+
+sock *sock_listen_general(const char *server, const char *port, int32_t sock_type)
+{
+    if (server == nullptr) {
+        LPRINTF("ERROR: server is NULL");
+        return nullptr;
+    }
+    if (port == nullptr) {
+        LPRINTF("ERROR: port is NULL");
+        return nullptr;
+    }
+    owned_sock s(socket_create());
+    if (s == nullptr) {
+        LPRINTF("ERROR: failed to create socket");
+        return nullptr;
+    }
+    const address_list list = resolve(server, port, sock_type, AI_CANONNAME);
+    if (list != nullptr) {
+        bind_to_first(s.get(), list.get());
+        if (s->fd == no_descriptor) {
+            LPRINTF("ERROR: unable to bind on port %s", port);
+        } else if (sock_type == SOCK_DGRAM || listen(s->fd, listen_backlog) == 0) {
+            return s.release();
+        } else {
+            const int error = errno;
+            LPRINTF("ERROR: unable to listen %d %d", error, s->fd);
+        }
+    }
+    socket_close(s.get()); // warns where no descriptor was opened
+    return nullptr;
+}
+
+namespace {
+
+struct ConnectFailure {
+    int32_t error;
+    int32_t family;
+};
+
+/// The addresses that refused, in the order in which they were tried.
+struct ConnectFailures {
+    owned<ConnectFailure> list;
+    size_t count = 0;
+
+    bool reserve(const addrinfo *addresses)
+    {
+        size_t capacity = 0;
+        for (const addrinfo *address = addresses; address != nullptr; address = address->ai_next) {
+            ++capacity;
+        }
+        list = tavlen::allocate_bytes<ConnectFailure>(capacity * sizeof(ConnectFailure));
+        return list != nullptr;
+    }
+
+    void add(int32_t error, int32_t family) { list.get()[count++] = {error, family}; }
+};
+
+const char *family_name(int32_t family)
+{
+    switch (family) {
+    case PF_INET:
+        return "PF_INET";
+    case PF_INET6:
+        return "PF_INET6";
+    default:
+        return "UNMATCHED";
+    }
+}
+
+/// Leaves the object connected, or without a descriptor and the refusals in `failures`.
+bool connect_to_first(sock *s, const addrinfo *list, ConnectFailures *failures)
+{
+    for (const addrinfo *address = list; address != nullptr; address = address->ai_next) {
+        if (!open_descriptor(s, address)) {
+            continue;
+        }
+        if (connect(s->fd, address->ai_addr, address->ai_addrlen) == 0) {
+            return true;
+        }
+        failures->add(errno, address->ai_family);
+        socket_close(s);
+    }
+    return false;
+}
+
+} // namespace
+
+sock *sock_connect_general(const char *server, const char *port, int32_t sock_type)
+{
+    if (server == nullptr) {
+        LPRINTF("ERROR: server is NULL");
+        return nullptr;
+    }
+    if (port == nullptr) {
+        LPRINTF("ERROR: port is NULL");
+        return nullptr;
+    }
+    owned_sock s(socket_create());
+    if (s == nullptr) {
+        LPRINTF("ERROR: failed to create socket");
+        return nullptr;
+    }
+    const address_list list = resolve(server, port, sock_type, 0);
+    ConnectFailures failures;
+    if (list != nullptr && !failures.reserve(list.get())) {
+        LPRINTF("ERROR: low memory");
+    } else if (list != nullptr) {
+        if (connect_to_first(s.get(), list.get(), &failures)) {
+            return s.release();
+        }
+        for (size_t i = 0; i < failures.count; ++i) {
+            const ConnectFailure &failure = failures.list.get()[i];
+            char reason[tavlen::error_text_size];
+            tavlen::write_error_text(failure.error, reason, sizeof reason);
+            LPRINTF("connect to %s, port: %s, protocol family: %s returned: %s", server, port,
+                    family_name(failure.family), reason);
+        }
+        LPRINTF("ERROR: unable to connect");
+    }
+    socket_close(s.get()); // warns: no descriptor is open
+    return nullptr;
+}
+
+// ------------------------------------------------------------------------------------- datagrams
+
+namespace {
+
+constexpr size_t type_size = sizeof(uint32_t); // in front of every datagram's payload
+constexpr size_t longest_datagram = 65535;
+constexpr size_t receive_buffer_size = longest_datagram + 1;
+
+} // namespace
+
+int32_t sock_sendto(sock *s, const void *data, size_t data_size, uint32_t type,
+                    const struct sockaddr *addr, socklen_t addr_len)
+{
+    if (data_size > std::numeric_limits<uint32_t>::max()) {
+        LPRINTF("WARNING: data_size too big");
+        return -1;
+    }
+    if (data_size > static_cast<size_t>(std::numeric_limits<int32_t>::max())) {
+        LPRINTF("WARNING: data_size too large");
+        return -1;
+    }
+    if (s == nullptr) {
+        LPRINTF("ERROR: sock is NULL");
+        return -1;
+    }
+    if (data == nullptr) {
+        LPRINTF("ERROR: data NULL");
+        return -1;
+    }
+    if (data_size == 0) {
+        LPRINTF("ERROR: data_size is too small");
+        return -1;
+    }
+    const size_t size = data_size + type_size;
+    if (size > longest_datagram) {
+        LPRINTF("ERROR: data size too large to fit in datagram (%u)", static_cast<unsigned>(size));
+        return -1;
+    }
+    const auto datagram = tavlen::allocate_bytes<uint8_t>(size);
+    if (datagram == nullptr) {
+        LPRINTF("ERROR: low memory");
+        return -1;
+    }
+    const LockGuard lock(s->sem_write);
+    tavlen::store_wire(datagram.get(), type);
+    memcpy(datagram.get() + type_size, data, data_size);
+    if (sendto(s->fd, datagram.get(), size, 0, addr, addr_len) != static_cast<ssize_t>(size)) {
+        keep_error(s, errno);
+        return -1;
+    }
+    return static_cast<int32_t>(size);
+}
+
+namespace {
+
+/// The payload moved to the block's start and the block cut to it; null when it cannot be cut.
+owned<uint8_t> keep_payload(owned<uint8_t> datagram, size_t payload_size)
+{
+    memmove(datagram.get(), datagram.get() + type_size, payload_size);
+    void *cut = realloc(datagram.get(), payload_size);
+    if (cut == nullptr) {
+        return nullptr;
+    }
+    (void)datagram.release();
+    return owned<uint8_t>(static_cast<uint8_t *>(cut));
+}
+
+} // namespace
+
+void *sock_recvfrom(sock *s, uint32_t *size, uint32_t *type, struct sockaddr *addr,
+                    socklen_t *addr_len)
+{
+    if (s == nullptr) {
+        LPRINTF("ERROR: sock is NULL");
+        return nullptr;
+    }
+    if (size == nullptr) {
+        LPRINTF("ERROR: size is NULL");
+        return nullptr;
+    }
+    if (type == nullptr) {
+        LPRINTF("ERROR: type is NULL");
+        return nullptr;
+    }
+    auto datagram = tavlen::allocate_bytes<uint8_t>(receive_buffer_size);
+    if (datagram == nullptr) {
+        LPRINTF("ERROR: low memory");
+        return nullptr;
+    }
+    const bool wants_sender = addr != nullptr && addr_len != nullptr;
+    const LockGuard lock(s->sem_read);
+    const ssize_t received =
+        recvfrom(s->fd, datagram.get(), longest_datagram, 0, wants_sender ? addr : nullptr,
+                 wants_sender ? addr_len : nullptr);
+    if (received <= static_cast<ssize_t>(type_size)) {
+        keep_error(s, received != 0 ? errno : 0);
+        return nullptr;
+    }
+    *type = tavlen::load_wire<uint32_t>(datagram.get());
+    *size = static_cast<uint32_t>(received) - static_cast<uint32_t>(type_size);
+    auto payload = keep_payload(std::move(datagram), *size);
+    if (payload == nullptr) {
+        LPRINTF("ERROR: low memory");
+    }
+    return payload.release();
+}
