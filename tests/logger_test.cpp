@@ -6,6 +6,7 @@
 #include <netinet/in.h>
 #include <syslog.h>
 #include <thread>
+#include <unistd.h>
 
 #include <TavlenCommon/buffer_packet.h>
 #include <TavlenCommon/com_semaphore.h>
@@ -310,6 +311,22 @@ TEST_F(Logger, ThreadsNeverMixLines)
         EXPECT_EQ(record.message.substr(2),
                   std::string(100, static_cast<char>('a' + (thread - '0'))));
     }
+}
+
+TEST_F(Logger, ThreadsLogWhileAnotherOpensAndNames)
+{
+    std::atomic<bool> done = false;
+    std::thread writer([&done] {
+        while (!done) {
+            LPRINTF("before and after");
+        }
+    });
+    EXPECT_EQ(logger_set_name("early"), 0);
+    EXPECT_EQ(logger_open(), 0);
+    EXPECT_EQ(logger_set_name("late"), 0);
+    usleep(1000);
+    done = true;
+    writer.join();
 }
 
 // ------------------------------------------------------------------------------ remote collector
