@@ -111,7 +111,12 @@ void chain_unlink(mtb_chain *c, mtb_element *e)
 mtb_element *chain_pop_first(mtb_chain *c)
 {
     mtb_element *e = c->first;
-    chain_unlink(c, e);
+    if (e != nullptr) {
+        c->first = e->next;
+        (c->first != nullptr ? c->first->prev : c->last) = nullptr;
+        e->next = nullptr;
+        --c->count;
+    }
     return e;
 }
 
