@@ -2,24 +2,16 @@
 
 #include <cerrno>
 #include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <netdb.h>
 #include <pthread.h>
 #include <semaphore.h>
 #include <sys/select.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 FakePlatform fake_platform;
 
-namespace {
-
-std::atomic<Fault *> active_fault = nullptr; // one at a time
-
-} // namespace
+static std::atomic<Fault *> active_fault = nullptr; // one at a time
 
 Fault::Fault(const char *function, int n, Failing failing, int64_t result, int error)
     : function_(function), calls_until_(n), failing_(failing), result_(result), error_(error)
@@ -49,124 +41,65 @@ bool Fault::strikes(const char *function, int64_t *result)
     return true;
 }
 
-#define WRAP_AS(kind, type, function, parameters, arguments)                                       \
-    extern "C" type __real_##function parameters;                                                  \
-    extern "C" type __wrap_##function parameters;                                                  \
-    type __wrap_##function parameters                                                              \
-    {                                                                                              \
-        int64_t result = 0;                                                                        \
-        return Fault::strikes(kind, &result) ? (type)result : __real_##function arguments;         \
+// The linker gives these names: a call arrives at __wrap_, and the platform's function is __real_.
+#define WRAP(type, function, parameters, ...)                                                                          \
+    extern "C" type __real_##function parameters;                                                                      \
+    extern "C" type __wrap_##function parameters;                                                                      \
+    type __wrap_##function parameters                                                                                  \
+    {                                                                                                                  \
+        __VA_ARGS__                                                                                                    \
     }
-#define WRAP(type, function, parameters, arguments)                                                \
-    WRAP_AS(#function, type, function, parameters, arguments)
+#define FAULTABLE_AS(kind, type, function, parameters, arguments)                                                      \
+    WRAP(type, function, parameters, int64_t result = 0;                                                               \
+         return Fault::strikes(kind, &result) ? (type)result : __real_##function arguments;)
+#define FAULTABLE(type, function, parameters, arguments) FAULTABLE_AS(#function, type, function, parameters, arguments)
 
-WRAP_AS(allocation, void *, malloc, (size_t size), (size))
-WRAP_AS(allocation, void *, calloc, (size_t count, size_t size), (count, size))
-WRAP_AS(allocation, void *, realloc, (void *block, size_t size), (block, size))
-WRAP_AS(allocation, char *, strdup, (const char *text), (text))
-WRAP(int, pthread_mutex_init, (pthread_mutex_t * m, const pthread_mutexattr_t *a), (m, a))
-WRAP(int, pthread_mutex_lock, (pthread_mutex_t * m), (m))
-WRAP(int, pthread_mutex_unlock, (pthread_mutex_t * m), (m))
-WRAP(int, pthread_mutex_trylock, (pthread_mutex_t * m), (m))
-WRAP(int, pthread_mutex_destroy, (pthread_mutex_t * m), (m))
-WRAP(int, sem_init, (sem_t * s, int shared, unsigned value), (s, shared, value))
-WRAP(int, sem_wait, (sem_t * s), (s))
-WRAP(int, sem_post, (sem_t * s), (s))
-WRAP(int, sem_destroy, (sem_t * s), (s))
-WRAP(int, socket, (int domain, int type, int protocol), (domain, type, protocol))
-WRAP(int, close, (int descriptor), (descriptor))
-WRAP(int, setsockopt, (int fd, int level, int name, const void *value, socklen_t size),
-     (fd, level, name, value, size))
-WRAP(int, bind, (int fd, const sockaddr *address, socklen_t size), (fd, address, size))
-WRAP(int, listen, (int fd, int backlog), (fd, backlog))
-WRAP(int, connect, (int fd, const sockaddr *address, socklen_t size), (fd, address, size))
+FAULTABLE_AS(allocation, void *, malloc, (size_t size), (size))
+FAULTABLE_AS(allocation, void *, calloc, (size_t count, size_t size), (count, size))
+FAULTABLE_AS(allocation, void *, realloc, (void *block, size_t size), (block, size))
+FAULTABLE_AS(allocation, char *, strdup, (const char *text), (text))
+FAULTABLE(int, pthread_mutex_init, (pthread_mutex_t * m, const pthread_mutexattr_t *a), (m, a))
+FAULTABLE(int, pthread_mutex_lock, (pthread_mutex_t * m), (m))
+FAULTABLE(int, pthread_mutex_unlock, (pthread_mutex_t * m), (m))
+FAULTABLE(int, pthread_mutex_trylock, (pthread_mutex_t * m), (m))
+FAULTABLE(int, pthread_mutex_destroy, (pthread_mutex_t * m), (m))
+FAULTABLE(int, sem_init, (sem_t * s, int shared, unsigned value), (s, shared, value))
+FAULTABLE(int, sem_wait, (sem_t * s), (s))
+FAULTABLE(int, sem_post, (sem_t * s), (s))
+FAULTABLE(int, sem_destroy, (sem_t * s), (s))
+FAULTABLE(int, socket, (int domain, int type, int protocol), (domain, type, protocol))
+FAULTABLE(int, close, (int fd), (fd))
+FAULTABLE(int, setsockopt, (int fd, int l, int o, const void *v, socklen_t n), (fd, l, o, v, n))
+FAULTABLE(int, bind, (int fd, const sockaddr *address, socklen_t size), (fd, address, size))
+FAULTABLE(int, listen, (int fd, int backlog), (fd, backlog))
+FAULTABLE(int, connect, (int fd, const sockaddr *address, socklen_t size), (fd, address, size))
 
-extern "C" {
-
-int __wrap_select(int count, fd_set *rd, fd_set *wr, fd_set *ex, timeval *timeout);
-int __real_select(int count, fd_set *rd, fd_set *wr, fd_set *ex, timeval *timeout);
-int __wrap_select(int count, fd_set *rd, fd_set *wr, fd_set *ex, timeval *timeout)
+static addrinfo *made_up_addresses(const std::vector<int> &families, int type)
 {
-    fake_platform.selected = count;
-    return __real_select(count, rd, wr, ex, timeout);
-}
-
-int __wrap_getaddrinfo(const char *, const char *, const addrinfo *, addrinfo **list);
-int __real_getaddrinfo(const char *, const char *, const addrinfo *, addrinfo **list);
-int __wrap_getaddrinfo(const char *server, const char *port, const addrinfo *hints, addrinfo **list)
-{
-    static addrinfo made_up[4];
-    const size_t count = fake_platform.families.size();
-    for (size_t i = 0; i < count; ++i) {
-        made_up[i] = {0,
-                      fake_platform.families[i],
-                      hints->ai_socktype,
-                      0,
-                      0,
-                      nullptr,
-                      nullptr,
-                      i + 1 < count ? &made_up[i + 1] : nullptr};
+    static addrinfo list[4];
+    for (size_t i = 0; i < families.size(); ++i) {
+        list[i] = {0, families[i], type, 0, 0, nullptr, nullptr, i + 1 < families.size() ? &list[i + 1] : nullptr};
     }
-    *list = made_up;
-    return count != 0 ? 0 : __real_getaddrinfo(server, port, hints, list);
+    return list;
 }
 
-void __wrap_freeaddrinfo(addrinfo *list);
-void __real_freeaddrinfo(addrinfo *list);
-void __wrap_freeaddrinfo(addrinfo *list)
-{
-    if (fake_platform.families.empty()) {
-        __real_freeaddrinfo(list);
-    }
-}
+WRAP(int, getaddrinfo, (const char *server, const char *port, const addrinfo *hints, addrinfo **list),
+     *list = made_up_addresses(fake_platform.families, hints->ai_socktype);
+     return !fake_platform.families.empty() ? 0 : __real_getaddrinfo(server, port, hints, list);)
+WRAP(void, freeaddrinfo, (addrinfo * list), if (fake_platform.families.empty()) __real_freeaddrinfo(list);)
+WRAP(int, select, (int count, fd_set *rd, fd_set *wr, fd_set *ex, timeval *timeout), fake_platform.selected = count;
+     return __real_select(count, rd, wr, ex, timeout);)
+WRAP(unsigned, sleep, (unsigned), ++fake_platform.sleeps; return 0;)
+WRAP(time_t, time, (time_t * t), return fake_platform.now != 0 ? fake_platform.now : __real_time(t);)
 
-unsigned __wrap_sleep(unsigned seconds);
-unsigned __wrap_sleep(unsigned)
-{
-    ++fake_platform.sleeps;
-    return 0;
-}
+WRAP(void, openlog, (const char *identity, int option, int facility),
+     fake_platform.syslog +=
+     "openlog " + std::string(identity) + " " + std::to_string(option) + " " + std::to_string(facility) + "\n";)
 
-time_t __real_time(time_t *result);
-time_t __wrap_time(time_t *result);
-time_t __wrap_time(time_t *result)
-{
-    return fake_platform.now != 0 ? fake_platform.now : __real_time(result);
-}
-
-void __wrap_openlog(const char *identity, int option, int facility);
-void __wrap_openlog(const char *identity, int option, int facility)
-{
-    fake_platform.syslog += "openlog " + std::string(identity) + " " + std::to_string(option) +
-                            " " + std::to_string(facility) + "\n";
-}
-
-__attribute__((format(printf, 2, 0))) static void note_syslog(int priority, const char *format,
-                                                              va_list args)
-{
-    char text[8192];
-    (void)vsnprintf(text, sizeof text, format, args);
-    fake_platform.syslog += std::to_string(priority) + " " + format + " " + text;
-}
-
-__attribute__((format(printf, 2, 3))) void __wrap_syslog(int priority, const char *format, ...);
-void __wrap_syslog(int priority, const char *format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    note_syslog(priority, format, args);
-    va_end(args);
-}
-
-/// What a fortified build calls.
-__attribute__((format(printf, 3, 4))) void __wrap___syslog_chk(int priority, int flag,
-                                                               const char *format, ...);
-void __wrap___syslog_chk(int priority, int, const char *format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    note_syslog(priority, format, args);
-    va_end(args);
-}
-
-} // extern "C"
+/// Notes a call whose format has one text to fill in; a fortified build calls the second function.
+#define WRAP_SYSLOG(function, parameters)                                                                              \
+    WRAP(void, function, parameters, va_list args; va_start(args, format);                                             \
+         fake_platform.syslog += std::to_string(priority) + " " + format + " " + va_arg(args, const char *);           \
+         va_end(args);)
+WRAP_SYSLOG(syslog, (int priority, const char *format, ...))
+WRAP_SYSLOG(__syslog_chk, (int priority, int, const char *format, ...))

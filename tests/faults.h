@@ -1,7 +1,4 @@
-/*
- * Makes the library's calls to the platform fail. The tests are linked so that each such call
- * arrives in faults.cpp first.
- */
+/* Makes the library's calls to the platform fail: the linker leads each such call to faults.cpp first. */
 #ifndef TAVLEN_TESTS_FAULTS_H
 #define TAVLEN_TESTS_FAULTS_H
 
@@ -21,23 +18,18 @@ class Fault {
 public:
     Fault(const char *function, int n, Failing failing, int64_t result = 0, int error = 0);
     /// Every call fails.
-    Fault(const char *function, int64_t result, int error)
-        : Fault(function, 1, Failing::from_then_on, result, error)
-    {
-    }
+    Fault(const char *function, int64_t result, int error) : Fault(function, 1, Failing::from_then_on, result, error) {}
     ~Fault() { (void)struck(); }
-    Fault(const Fault &) = delete;
-    Fault &operator=(const Fault &) = delete;
 
     /// Ends the fault; true when a call failed by it.
     bool struck();
 
-    /// Counts a call of a platform function; true when this one is to fail, errno set.
+    /// Counts a call; true when it is to fail, with errno and its result set.
     static bool strikes(const char *function, int64_t *result);
 
 private:
     const char *function_;
-    std::atomic<int> calls_until_;
+    std::atomic<int> calls_until_; // and no copies of this object
     Failing failing_;
     int64_t result_;
     int error_;

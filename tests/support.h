@@ -1,48 +1,46 @@
-/* What the tests share: the reports that the code under test makes, in order. */
+/* What the tests share: the reports that the code under test makes, in order, and bytes. */
 #ifndef TAVLEN_TESTS_SUPPORT_H
 #define TAVLEN_TESTS_SUPPORT_H
 
+#include <cstdio>
 #include <gtest/gtest.h>
-#include <ostream>
 #include <string>
+#include <sys/mman.h>
 #include <vector>
 
-/// One record, without its time and line number.
-struct Report {
-    std::string function;
-    std::string message;
-    bool operator==(const Report &) const = default;
-};
+#include <TavlenCommon/logger.h>
 
-std::ostream &operator<<(std::ostream &out, const Report &report);
-
-using Reports = std::vector<Report>;
+/// Records as "function: message", without time, file and line number.
+using Reports = std::vector<std::string>;
 
 /// Splits text into records; what is no record's first line belongs to the record before it.
 Reports parse_records(const std::string &text);
 
+/// The base of what is neither copied nor moved.
+struct NotCopied {
+    NotCopied() = default;
+    NotCopied(NotCopied &&) = delete;
+};
+
+std::string read_file(const std::string &path);
+
 /// A file of its own that exists while the object does.
-class TemporaryFile {
+class TemporaryFile : NotCopied {
 public:
     explicit TemporaryFile(const std::string &content = "");
-    ~TemporaryFile();
-    TemporaryFile(const TemporaryFile &) = delete;
-    TemporaryFile &operator=(const TemporaryFile &) = delete;
+    ~TemporaryFile() { (void)remove(path()); }
     const char *path() const { return path_.c_str(); }
-    std::string content() const;
+    std::string content() const { return read_file(path_); }
 
 private:
     std::string path_;
 };
 
-/// Collects what is written to a descriptor of this process (1 or 2) while the object exists; a
-/// failed test shows all of it in the end, for gtest's own words may be among it.
-class Capture {
+/// Collects what is written to descriptor 1 or 2; a failed test shows it in the end: gtest's words may be among it.
+class Capture : NotCopied {
 public:
     explicit Capture(int descriptor);
     ~Capture();
-    Capture(const Capture &) = delete;
-    Capture &operator=(const Capture &) = delete;
     /// What came since the last take.
     std::string take();
 
@@ -56,32 +54,46 @@ private:
 /// Opens the logging library with standard error as its one destination and collects the reports.
 class ReportingTest : public testing::Test {
 protected:
-    void SetUp() override;
-    void TearDown() override;
+    void SetUp() override
+    {
+        ASSERT_EQ(logger_open(), 0);
+        set_log_dest(LOG_DEST_STDERR, nullptr, nullptr, nullptr);
+    }
+    void TearDown() override
+    {
+        set_log_dest(LOG_DEST_STDOUT, nullptr, nullptr, nullptr);
+        logger_close();
+        EXPECT_EQ(take_reports(), Reports{}) << "reports that no test asked for";
+    }
     Reports take_reports() { return parse_records(errors_.take()); }
 
-private:
     Capture errors_{2};
 };
+
+/// The reports since the last look are these.
+#define EXPECT_REPORTS(...) EXPECT_EQ(take_reports(), (Reports{__VA_ARGS__}))
+
+/// A call gives this result and makes these reports.
+#define EXPECT_REPORTED(call, result, ...)                                                                             \
+    do {                                                                                                               \
+        EXPECT_EQ(call, result);                                                                                       \
+        EXPECT_EQ(take_reports(), (Reports{__VA_ARGS__})) << #call;                                                    \
+    } while (0)
 
 /// The bytes that hexadecimal text stands for; blanks do not count.
 std::vector<uint8_t> bytes(const std::string &hex);
 
 /// A copy of bytes that ends where the readable memory ends, so that reading on crashes.
-class EdgeBuffer {
+class EdgeBuffer : NotCopied {
 public:
     explicit EdgeBuffer(const std::vector<uint8_t> &content);
-    ~EdgeBuffer();
-    EdgeBuffer(const EdgeBuffer &) = delete;
-    EdgeBuffer &operator=(const EdgeBuffer &) = delete;
+    ~EdgeBuffer() { munmap(pages_, size_); }
     uint8_t *begin() const { return begin_; }
 
 private:
-    uint8_t *pages_;
     size_t size_;
+    uint8_t *pages_;
     uint8_t *begin_;
 };
-
-#define EXPECT_REPORTS(...) EXPECT_EQ(take_reports(), (Reports{__VA_ARGS__}))
 
 #endif
