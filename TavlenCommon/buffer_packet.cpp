@@ -1,11 +1,17 @@
 #include <TavlenCommon/buffer_packet.h>
+#include <TavlenCommon/buffer_packet_internal.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <limits>
 
+#include <TavlenCommon/atomic_field.h>
+#include <TavlenCommon/error_text.h>
 #include <TavlenCommon/logger.h>
 #include <TavlenCommon/owned.h>
 #include <TavlenCommon/scalar_types.h>
+
+using tavlen::Lookup;
 
 // ---------------------------------------------------------------- life, type and serialized form
 
@@ -275,12 +281,16 @@ int32_t keep_added(clpacket *p, int32_t result)
 // ---------------------------------------------------------------------------------------- fields
 
 #define DEFINE_SETTER(suffix, ctype, code, member)                                                 \
-    int32_t clpacket_set_##suffix(clpacket *p, int32_t name, ctype value)                          \
+    int32_t clpacket_set_##suffix(clpacket *p, int32_t name, ctype value, Lookup lookup)           \
     {                                                                                              \
         if (check_clpacket_structr_set(p) != MTB_OK) {                                             \
             return -1;                                                                             \
         }                                                                                          \
-        return keep_added(p, mtb_add_##suffix(name, value, p->structr));                           \
+        return keep_added(p, mtb_add_##suffix(name, value, p->structr, lookup));                   \
+    }                                                                                              \
+    int32_t clpacket_set_##suffix(clpacket *p, int32_t name, ctype value)                          \
+    {                                                                                              \
+        return clpacket_set_##suffix(p, name, value, Lookup::needed);                              \
     }
 TAVLEN_SCALAR_TYPES(DEFINE_SETTER)
 #undef DEFINE_SETTER
@@ -296,15 +306,20 @@ TAVLEN_SCALAR_TYPES(DEFINE_SETTER)
 TAVLEN_SCALAR_TYPES(DEFINE_GETTER)
 #undef DEFINE_GETTER
 
-int32_t clpacket_set_blob(clpacket *p, int32_t name, const void *data, uint32_t len)
+int32_t clpacket_set_blob(clpacket *p, int32_t name, const void *data, uint32_t len, Lookup lookup)
 {
     if (check_clpacket_structr_set(p) != MTB_OK) {
         return -1;
     }
-    return keep_added(p, mtb_add_blob(name, data, static_cast<int32_t>(len), p->structr));
+    return keep_added(p, mtb_add_blob(name, data, static_cast<int32_t>(len), p->structr, lookup));
 }
 
-int32_t clpacket_set_string(clpacket *p, int32_t name, const char *text, int32_t len)
+int32_t clpacket_set_blob(clpacket *p, int32_t name, const void *data, uint32_t len)
+{
+    return clpacket_set_blob(p, name, data, len, Lookup::needed);
+}
+
+int32_t clpacket_set_string(clpacket *p, int32_t name, const char *text, int32_t len, Lookup lookup)
 {
     if (check_clpacket_structr_set(p) != MTB_OK) {
         return -1;
@@ -314,7 +329,12 @@ int32_t clpacket_set_string(clpacket *p, int32_t name, const char *text, int32_t
         p->error_state = MTB_BAD_ARG;
         return -1;
     }
-    return keep_added(p, mtb_add_string(name, text, len, p->structr));
+    return keep_added(p, mtb_add_string(name, text, len, p->structr, lookup));
+}
+
+int32_t clpacket_set_string(clpacket *p, int32_t name, const char *text, int32_t len)
+{
+    return clpacket_set_string(p, name, text, len, Lookup::needed);
 }
 
 int32_t clpacket_set_array(clpacket *p, int32_t name, const void *values, uint32_t count,
@@ -431,16 +451,15 @@ int32_t nest(clpacket *p, int32_t name, clpacket *val,
     return result;
 }
 
-/// Makes a value packet a view of a structure that another packet owns.
-void borrow(mtb_struct *structr, clpacket *val)
+} // namespace
+
+void clpacket_borrow(clpacket *val, mtb_struct *structr)
 {
     drop_structure(val);
     drop_buffer(val);
     val->structr = structr;
     val->structr_borrowed = 1;
 }
-
-} // namespace
 
 int32_t clpacket_set_complex(clpacket *p, int32_t name, clpacket *val)
 {
@@ -463,7 +482,7 @@ int32_t clpacket_get_complex(clpacket *p, int32_t name, clpacket *val)
     if (p->error_state != MTB_OK) {
         return -1;
     }
-    borrow(structr, val);
+    clpacket_borrow(val, structr);
     return 0;
 }
 
@@ -479,7 +498,7 @@ int32_t clpacket_get_array_el_complex(clpacket *p, int32_t name, clpacket *val, 
     if (clpacket_get_array_el(p, name, &structr, index, MTB_TYPE_STRUCT_ARRAY) != MTB_OK) {
         return -1;
     }
-    borrow(static_cast<mtb_struct *>(structr), val);
+    clpacket_borrow(val, static_cast<mtb_struct *>(structr));
     return 0;
 }
 
@@ -499,19 +518,34 @@ int32_t clpacket_recv_prepare(clpacket *p, sock *s)
     return 0;
 }
 
+namespace {
+
+/// Takes what a receive gave as the packet's bytes, so that reads see them; false when it is
+/// nothing.
+bool take_received(clpacket *p, void *buffer, uint32_t size)
+{
+    if (buffer == nullptr) {
+        return false;
+    }
+    p->buffer = buffer;
+    p->buffer_size = size;
+    drop_structure(p);
+    return true;
+}
+
+} // namespace
+
 int32_t clpacket_recvfrom(clpacket *p, sock *s, struct sockaddr *addr, socklen_t *addr_len)
 {
     if (clpacket_recv_prepare(p, s) != 0) {
         return -1;
     }
     uint32_t size = 0;
-    p->buffer = sock_recvfrom(s, &size, &p->type, addr, addr_len);
-    if (p->buffer == nullptr) {
+    void *buffer = sock_recvfrom(s, &size, &p->type, addr, addr_len);
+    if (!take_received(p, buffer, size)) {
         LPRINTF("ERROR: sock_recvfrom failed.");
         return -1;
     }
-    p->buffer_size = size;
-    drop_structure(p); // reads are to see what was received
     return 0;
 }
 
@@ -538,4 +572,46 @@ int32_t clpacket_sendto(clpacket *p, sock *s, const struct sockaddr *addr, uint3
         return -1;
     }
     return sock_sendto(s, p->buffer, p->buffer_size, p->type, addr, addr_len) == -1 ? -1 : 0;
+}
+
+namespace {
+
+/// Writes the peer's address and port, or "unknown". The socket's error stays what it is.
+void write_peer_name(sock *s, char *name, size_t size)
+{
+    const int32_t error = sock_socket_get_error(s);
+    if (sock_getpeername_str(s, name, size) != 0) {
+        (void)snprintf(name, size, "unknown");
+    }
+    tavlen::store_relaxed(s->error, error);
+}
+
+} // namespace
+
+int32_t clpacket_recv(clpacket *p, sock *s)
+{
+    sock_lock_r(s);
+    int32_t result = clpacket_recv_prepare(p, s);
+    if (result == 0) {
+        uint32_t size = 0;
+        void *buffer = sock_recv_packet_nolock(s, &size, &p->type);
+        result = take_received(p, buffer, size) ? 0 : -1;
+        if (result != 0 && sock_socket_get_error(s) != 0) { // 0: the peer is gone
+            char peer[128];
+            char reason[tavlen::error_text_size];
+            write_peer_name(s, peer, sizeof peer);
+            LPRINTF("ERROR: %s : receive error: %s", peer,
+                    sock_socket_strerror(s, reason, sizeof reason));
+        }
+    }
+    sock_unlock_r(s);
+    return result;
+}
+
+int32_t clpacket_send(clpacket *p, sock *s)
+{
+    if (clpacket_send_prepare(p, s) != 0) {
+        return -1;
+    }
+    return sock_send_packet(s, p->buffer, p->buffer_size, p->type) == -1 ? -1 : 0;
 }

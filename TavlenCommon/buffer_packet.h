@@ -15,7 +15,8 @@
  *     exception: clpacket_get_array of a string array).
  *  4. No locks: a packet is used by one thread at a time.
  *
- * As a datagram a packet is its type code (4 bytes, big-endian) and its bytes, at most 65,531.
+ * As a datagram a packet is its type code (4 bytes, big-endian) and its bytes, at most 65,531; on a
+ * stream the number of its bytes (4 bytes, big-endian), its type code and its bytes.
  */
 #ifndef TAVLEN_COMMON_BUFFER_PACKET_H
 #define TAVLEN_COMMON_BUFFER_PACKET_H
@@ -173,6 +174,15 @@ TAVLEN_API int32_t clpacket_send_prepare(clpacket *p, sock *s);
  */
 TAVLEN_API int32_t clpacket_recvfrom(clpacket *p, sock *s, struct sockaddr *addr,
                                      socklen_t *addr_len);
+
+/**
+ * Waits for one frame on a stream and takes it as the packet's type and bytes, as clpacket_recvfrom
+ * does. Holds the socket's `sem_read`. A peer that closes or resets the connection is not reported.
+ */
+TAVLEN_API int32_t clpacket_recv(clpacket *p, sock *s);
+
+/** Sends the packet as one frame on a stream. Holds the socket's `sem_write`. */
+TAVLEN_API int32_t clpacket_send(clpacket *p, sock *s);
 
 /** Sends the packet as one datagram, to the connected peer when `addr` is null. */
 TAVLEN_API int32_t clpacket_sendto(clpacket *p, sock *s, const struct sockaddr *addr,

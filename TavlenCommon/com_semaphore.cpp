@@ -1,6 +1,7 @@
 #include <TavlenCommon/com_semaphore.h>
 
 #include <cerrno>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <TavlenCommon/logger.h>
@@ -151,4 +152,89 @@ void com_semaphore_destroy(com_semaphore *s)
         LPRINTF("ERROR: unable to destroy mutex %d, %d", result, error);
     }
     free(s);
+}
+
+// ----------------------------------------------------------------------------------- conditionals
+
+com_conditional *com_conditional_init(void)
+{
+    auto c = tavlen::allocate<com_conditional>();
+    if (c == nullptr) {
+        LPRINTF("ERROR: low mem");
+        return nullptr;
+    }
+    int result = pthread_mutex_init(&c->mutex, nullptr);
+    if (result != 0) {
+        LPRINTF("ERROR: unable to init. mutex %d", result);
+        return nullptr;
+    }
+    result = pthread_mutex_lock(&c->mutex);
+    if (result != 0) {
+        LPRINTF("ERROR: pthread_mutex_lock failed %d", result);
+    }
+    result = pthread_cond_init(&c->cond, nullptr);
+    if (result != 0) {
+        LPRINTF("ERROR: unable to init. cond %d", result);
+        pthread_mutex_destroy(&c->mutex);
+        return nullptr;
+    }
+    return c.release();
+}
+
+void com_conditional_wait(com_conditional *c)
+{
+    if (c == nullptr) {
+        LPRINTF("ERROR: parameter invalid");
+        return;
+    }
+    const int result = pthread_cond_wait(&c->cond, &c->mutex);
+    if (result != 0) {
+        LPRINTF("ERROR: pthread_cond_wait failed %d", result);
+    }
+}
+
+void com_conditional_timedwait(com_conditional *c, int32_t seconds)
+{
+    if (c == nullptr) {
+        LPRINTF("ERROR: parameter invalid");
+        return;
+    }
+    timeval now;
+    if (gettimeofday(&now, nullptr) != 0) {
+        LPRINTF("ERROR: gettimeofday failed");
+        return;
+    }
+    constexpr long nanoseconds_per_microsecond = 1000;
+    const timespec deadline{now.tv_sec + seconds, now.tv_usec * nanoseconds_per_microsecond};
+    const int result = pthread_cond_timedwait(&c->cond, &c->mutex, &deadline);
+    if (result != 0 && result != ETIMEDOUT) {
+        LPRINTF("ERROR: pthread_cond_wait failed %d", result);
+    }
+}
+
+void com_conditional_signal(com_conditional *c)
+{
+    if (c == nullptr) {
+        LPRINTF("ERROR: parameter invalid");
+        return;
+    }
+    const int result = pthread_cond_signal(&c->cond);
+    if (result != 0) {
+        LPRINTF("ERROR: pthread_cond_signal failed %d", result);
+    }
+}
+
+void com_conditional_close(com_conditional *c)
+{
+    if (c == nullptr) {
+        LPRINTF("ERROR: parameter invalid");
+        return;
+    }
+    if (pthread_cond_destroy(&c->cond) != 0) {
+        LPRINTF("ERROR: failed pthread_cond_destroy");
+    }
+    if (pthread_mutex_destroy(&c->mutex) != 0) {
+        LPRINTF("ERROR: failed pthread_mutex_destroy");
+    }
+    free(c);
 }

@@ -1,4 +1,5 @@
 #include <TavlenCommon/map_to_buffer.h>
+#include <TavlenCommon/map_to_buffer_internal.h>
 #include <TavlenCommon/mtb_chain.h>
 
 #include <cstddef>
@@ -13,6 +14,7 @@
 #include <TavlenCommon/scalar_types.h>
 #include <TavlenCommon/wire_order.h>
 
+using tavlen::Lookup;
 using tavlen::owned;
 
 // ---------------------------------------------------------------------------------------- types
@@ -218,6 +220,12 @@ mtb_element *find_element(mtb_struct *structr, int32_t name, uint8_t type)
     return find_head(structr != nullptr ? structr->buffer : nullptr, cut_name(name), type);
 }
 
+/// The element that an adder replaces, if any.
+mtb_element *find_present(mtb_struct *structr, int32_t name, uint8_t type, Lookup lookup)
+{
+    return lookup == Lookup::needed ? find_element(structr, name, type) : nullptr;
+}
+
 } // namespace
 
 mtb_struct *mtb_struct_new(int32_t name)
@@ -251,12 +259,12 @@ int32_t mtb_element_exists(int32_t name, uint8_t type, mtb_struct *structr)
 
 namespace {
 
-int32_t add_scalar(int32_t name, uint8_t type, mtb_value value, mtb_struct *structr)
+int32_t add_scalar(int32_t name, uint8_t type, mtb_value value, mtb_struct *structr, Lookup lookup)
 {
     if (is_missing(structr)) {
         return MTB_BAD_ARG;
     }
-    if (mtb_element *present = find_element(structr, name, type)) {
+    if (mtb_element *present = find_present(structr, name, type, lookup)) {
         present->value = value;
         return MTB_OK;
     }
@@ -272,18 +280,22 @@ int32_t add_scalar(int32_t name, uint8_t type, mtb_value value, mtb_struct *stru
 } // namespace
 
 #define DEFINE_ADDER(suffix, ctype, code, member)                                                  \
-    int32_t mtb_add_##suffix(int32_t name, ctype value, mtb_struct *structr)                       \
+    int32_t mtb_add_##suffix(int32_t name, ctype value, mtb_struct *structr, Lookup lookup)        \
     {                                                                                              \
         mtb_value slot;                                                                            \
         slot.u64 = 0;                                                                              \
         slot.member = value;                                                                       \
-        const int32_t result = add_scalar(name, code, slot, structr);                              \
+        const int32_t result = add_scalar(name, code, slot, structr, lookup);                      \
         if (result == MTB_BAD_ARG) {                                                               \
             LPRINTF("ERROR: param 'structr' is uninitialized.");                                   \
         } else if (result == MTB_NOMEM) {                                                          \
             LPRINTF("ERROR: low memory");                                                          \
         }                                                                                          \
         return result;                                                                             \
+    }                                                                                              \
+    int32_t mtb_add_##suffix(int32_t name, ctype value, mtb_struct *structr)                       \
+    {                                                                                              \
+        return mtb_add_##suffix(name, value, structr, Lookup::needed);                             \
     }
 TAVLEN_SCALAR_TYPES(DEFINE_ADDER)
 #undef DEFINE_ADDER
@@ -336,9 +348,10 @@ int32_t add_string(uint16_t name, const char *bytes, int32_t len, mtb_chain *cha
 }
 
 /// Stores a block as the value of the element of that name and type, present or new.
-int32_t store_block(int32_t name, uint8_t type, owned<void> block, int32_t len, mtb_struct *structr)
+int32_t store_block(int32_t name, uint8_t type, owned<void> block, int32_t len, mtb_struct *structr,
+                    Lookup lookup)
 {
-    if (mtb_element *present = find_element(structr, name, type)) {
+    if (mtb_element *present = find_present(structr, name, type, lookup)) {
         free(present->value.data);
         present->value.data = block.release();
         present->len = len;
@@ -355,7 +368,8 @@ int32_t store_block(int32_t name, uint8_t type, owned<void> block, int32_t len, 
 
 } // namespace
 
-int32_t mtb_add_string(int32_t name, const char *val, int32_t len, mtb_struct *structr)
+int32_t mtb_add_string(int32_t name, const char *val, int32_t len, mtb_struct *structr,
+                       Lookup lookup)
 {
     if (is_missing(structr)) {
         LPRINTF("ERROR: param 'structr' is uninitialized.");
@@ -370,14 +384,20 @@ int32_t mtb_add_string(int32_t name, const char *val, int32_t len, mtb_struct *s
         return MTB_BAD_ARG;
     }
     const int32_t count_before = structr->buffer->count;
-    const int32_t result = add_string(cut_name(name), val, len, structr->buffer, true);
+    const int32_t result =
+        add_string(cut_name(name), val, len, structr->buffer, lookup == Lookup::needed);
     if (structr->buffer->count != count_before) {
         raise_len(structr);
     }
     return result;
 }
 
-int32_t mtb_add_blob(int32_t name, const void *val, int32_t len, mtb_struct *structr)
+int32_t mtb_add_string(int32_t name, const char *val, int32_t len, mtb_struct *structr)
+{
+    return mtb_add_string(name, val, len, structr, Lookup::needed);
+}
+
+int32_t mtb_add_blob(int32_t name, const void *val, int32_t len, mtb_struct *structr, Lookup lookup)
 {
     if (is_missing(structr)) {
         LPRINTF("ERROR: param 'structr' is uninitialized.");
@@ -393,11 +413,17 @@ int32_t mtb_add_blob(int32_t name, const void *val, int32_t len, mtb_struct *str
     }
     owned<void> copy = len > 0 ? copy_bytes(val, static_cast<size_t>(len)) : nullptr;
     const bool copied = len == 0 || copy != nullptr;
-    if (!copied || store_block(name, MTB_TYPE_BLOB, std::move(copy), len, structr) != MTB_OK) {
+    if (!copied ||
+        store_block(name, MTB_TYPE_BLOB, std::move(copy), len, structr, lookup) != MTB_OK) {
         LPRINTF("ERROR: low memory");
         return MTB_NOMEM;
     }
     return MTB_OK;
+}
+
+int32_t mtb_add_blob(int32_t name, const void *val, int32_t len, mtb_struct *structr)
+{
+    return mtb_add_blob(name, val, len, structr, Lookup::needed);
 }
 
 namespace {
@@ -448,7 +474,9 @@ int32_t add_string_array(int32_t name, const char *const *texts, int32_t count, 
 int32_t add_items(int32_t name, const void *items, int32_t count, uint8_t type, mtb_struct *structr)
 {
     owned<void> copy = copy_bytes(items, static_cast<size_t>(count) * type_info(type).width);
-    return copy != nullptr ? store_block(name, type, std::move(copy), count, structr) : MTB_NOMEM;
+    return copy != nullptr
+               ? store_block(name, type, std::move(copy), count, structr, Lookup::needed)
+               : MTB_NOMEM;
 }
 
 /// The index of the first text that no string element can hold: null or too long; else `count`.

@@ -8,6 +8,8 @@
 #include <limits>
 #include <memory>
 #include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <unistd.h>
 #include <utility>
 
@@ -15,6 +17,7 @@
 #include <TavlenCommon/error_text.h>
 #include <TavlenCommon/logger.h>
 #include <TavlenCommon/owned.h>
+#include <TavlenCommon/report_as.h>
 #include <TavlenCommon/wire_order.h>
 
 using tavlen::load_relaxed;
@@ -505,11 +508,18 @@ const char *family_name(int32_t family)
     }
 }
 
+/// Readies a descriptor before it is connected; false passes the address over.
+using Prepare = bool (*)(int fd);
+
 /// Leaves the object connected, or without a descriptor and the refusals in `failures`.
-bool connect_to_first(sock *s, const addrinfo *list, ConnectFailures *failures)
+bool connect_to_first(sock *s, const addrinfo *list, Prepare prepare, ConnectFailures *failures)
 {
     for (const addrinfo *address = list; address != nullptr; address = address->ai_next) {
         if (!open_descriptor(s, address)) {
+            continue;
+        }
+        if (!prepare(s->fd)) {
+            socket_close(s);
             continue;
         }
         if (connect(s->fd, address->ai_addr, address->ai_addrlen) == 0) {
@@ -521,16 +531,122 @@ bool connect_to_first(sock *s, const addrinfo *list, ConnectFailures *failures)
     return false;
 }
 
+struct ConnectReports {
+    ratelimit_slot no_server, no_port, no_object, no_memory, refused, unable;
+};
+
+void report_refusals(const char *function, ConnectReports *reports, const char *server,
+                     const char *port, const ConnectFailures &failures)
+{
+    for (size_t i = 0; i < failures.count; ++i) {
+        const ConnectFailure &failure = failures.list.get()[i];
+        char reason[tavlen::error_text_size];
+        tavlen::write_error_text(failure.error, reason, sizeof reason);
+        LPRINTF_AS(function, reports->refused,
+                   "connect to %s, port: %s, protocol family: %s returned: %s", server, port,
+                   family_name(failure.family), reason);
+    }
+    LPRINTF_AS(function, reports->unable, "ERROR: unable to connect");
+}
+
+sock *connect_as(const char *function, ConnectReports *reports, const char *server,
+                 const char *port, int32_t sock_type, Prepare prepare)
+{
+    if (server == nullptr) {
+        LPRINTF_AS(function, reports->no_server, "ERROR: server is NULL");
+        return nullptr;
+    }
+    if (port == nullptr) {
+        LPRINTF_AS(function, reports->no_port, "ERROR: port is NULL");
+        return nullptr;
+    }
+    owned_sock s(socket_create());
+    if (s == nullptr) {
+        LPRINTF_AS(function, reports->no_object, "ERROR: failed to create socket");
+        return nullptr;
+    }
+    const address_list list = resolve(server, port, sock_type, 0);
+    ConnectFailures failures;
+    if (list != nullptr && !failures.reserve(list.get())) {
+        LPRINTF_AS(function, reports->no_memory, "ERROR: low memory");
+    } else if (list != nullptr) {
+        if (connect_to_first(s.get(), list.get(), prepare, &failures)) {
+            return s.release();
+        }
+        report_refusals(function, reports, server, port, failures);
+    }
+    socket_close(s.get()); // warns: no descriptor is open
+    return nullptr;
+}
+
+bool prepare_nothing(int)
+{
+    return true;
+}
+
+/// Makes a dead peer known within seconds. Every option is tried, whatever became of the others.
+bool prepare_fail_fast(int fd)
+{
+    constexpr struct {
+        int level, name;
+        int32_t value;
+    } options[] = {
+        {SOL_SOCKET, SO_KEEPALIVE, 1},           {IPPROTO_TCP, TCP_SYNCNT, 4},
+        {IPPROTO_TCP, TCP_KEEPCNT, 10},          {IPPROTO_TCP, TCP_KEEPIDLE, 2}, // seconds
+        {IPPROTO_TCP, TCP_KEEPINTVL, 1},                                         // seconds
+        {IPPROTO_TCP, TCP_USER_TIMEOUT, 10'000},                                 // milliseconds
+    };
+    bool all_set = true;
+    for (const auto &option : options) {
+        const int result =
+            setsockopt(fd, option.level, option.name, &option.value, sizeof option.value);
+        all_set = all_set && result == 0;
+    }
+    return all_set;
+}
+
 } // namespace
 
 sock *sock_connect_general(const char *server, const char *port, int32_t sock_type)
 {
-    if (server == nullptr) {
-        LPRINTF("ERROR: server is NULL");
-        return nullptr;
-    }
-    if (port == nullptr) {
-        LPRINTF("ERROR: port is NULL");
+    static ConnectReports reports;
+    return connect_as(__func__, &reports, server, port, sock_type, prepare_nothing);
+}
+
+sock *sock_connect_fail_fast(const char *server, const char *port)
+{
+    static ConnectReports reports;
+    return connect_as(__func__, &reports, server, port, SOCK_STREAM, prepare_fail_fast);
+}
+
+sock *sock_listen(const char *server, const char *port)
+{
+    return sock_listen_general(server, port, SOCK_STREAM);
+}
+
+sock *sock_connect(const char *server, const char *port)
+{
+    return sock_connect_general(server, port, SOCK_STREAM);
+}
+
+namespace {
+
+/// Waits for a connection under the listener's read lock; false with the errno in the object.
+bool accept_into(sock *s, sock *listener)
+{
+    sockaddr_in6 peer{};
+    socklen_t length = sizeof peer;
+    const LockGuard lock(listener->sem_read);
+    s->fd = accept4(listener->fd, reinterpret_cast<sockaddr *>(&peer), &length, SOCK_CLOEXEC);
+    return keep_failure(s, s->fd) != no_descriptor;
+}
+
+} // namespace
+
+sock *sock_accept(sock *listener)
+{
+    if (listener == nullptr) {
+        LPRINTF("ERROR: argument is NULL");
         return nullptr;
     }
     owned_sock s(socket_create());
@@ -538,25 +654,13 @@ sock *sock_connect_general(const char *server, const char *port, int32_t sock_ty
         LPRINTF("ERROR: failed to create socket");
         return nullptr;
     }
-    const address_list list = resolve(server, port, sock_type, 0);
-    ConnectFailures failures;
-    if (list != nullptr && !failures.reserve(list.get())) {
-        LPRINTF("ERROR: low memory");
-    } else if (list != nullptr) {
-        if (connect_to_first(s.get(), list.get(), &failures)) {
-            return s.release();
-        }
-        for (size_t i = 0; i < failures.count; ++i) {
-            const ConnectFailure &failure = failures.list.get()[i];
-            char reason[tavlen::error_text_size];
-            tavlen::write_error_text(failure.error, reason, sizeof reason);
-            LPRINTF("connect to %s, port: %s, protocol family: %s returned: %s", server, port,
-                    family_name(failure.family), reason);
-        }
-        LPRINTF("ERROR: unable to connect");
+    if (!accept_into(s.get(), listener)) {
+        char reason[tavlen::error_text_size];
+        LPRINTF("ERROR: unable to accept: %s",
+                sock_socket_strerror(s.get(), reason, sizeof reason));
+        return nullptr;
     }
-    socket_close(s.get()); // warns: no descriptor is open
-    return nullptr;
+    return s.release();
 }
 
 // ------------------------------------------------------------------------------------- datagrams
@@ -664,4 +768,190 @@ void *sock_recvfrom(sock *s, uint32_t *size, uint32_t *type, struct sockaddr *ad
         LPRINTF("ERROR: low memory");
     }
     return payload.release();
+}
+
+// --------------------------------------------------------------------------------------- streams
+
+int64_t sock_send(sock *s, const void *data, size_t len, int32_t flags)
+{
+    if (s == nullptr) {
+        LPRINTF("ERROR: NULL param: sock");
+        return -1;
+    }
+    if (data == nullptr) {
+        LPRINTF("ERROR: NULL param: data");
+        return -1;
+    }
+    if (len == 0) {
+        LPRINTF("WARNING: data_size is zero");
+        return -1;
+    }
+    const ssize_t sent = send(descriptor_of(s), data, len, flags);
+    if (sent == -1) {
+        keep_error(s, errno);
+    }
+    return sent;
+}
+
+int64_t sock_recv(sock *s, void *buf, uint32_t len, int32_t flags)
+{
+    if (s == nullptr) {
+        LPRINTF("ERROR: NULL param: sock");
+        return -1;
+    }
+    if (buf == nullptr) {
+        LPRINTF("ERROR: NULL param: data");
+        return -1;
+    }
+    if (len == 0) {
+        LPRINTF("ERROR: data_size is zero");
+        return -1;
+    }
+    const ssize_t received = recv(descriptor_of(s), buf, len, flags);
+    keep_error(s, received != 0 ? errno : 0);
+    return received;
+}
+
+namespace {
+
+struct SendReports {
+    ratelimit_slot too_big, too_large, no_sock, no_data, too_small;
+};
+
+/// The checks that the sends of a whole block share.
+bool is_sendable(const char *function, SendReports *reports, const sock *s, const void *data,
+                 size_t data_size)
+{
+    if (data_size > std::numeric_limits<uint32_t>::max()) {
+        LPRINTF_AS(function, reports->too_big, "WARNING: data_size too big");
+    } else if (data_size > static_cast<size_t>(std::numeric_limits<int32_t>::max())) {
+        LPRINTF_AS(function, reports->too_large, "WARNING: data_size too large");
+    } else if (s == nullptr) {
+        LPRINTF_AS(function, reports->no_sock, "ERROR: sock is NULL");
+    } else if (data == nullptr) {
+        LPRINTF_AS(function, reports->no_data, "ERROR: data is NULL");
+    } else if (data_size == 0) {
+        LPRINTF_AS(function, reports->too_small, "ERROR: data_size is too small");
+    } else {
+        return true;
+    }
+    return false;
+}
+
+} // namespace
+
+int64_t sock_send_all(sock *s, const void *data, size_t data_size, int32_t flags)
+{
+    static SendReports reports;
+    if (!is_sendable(__func__, &reports, s, data, data_size)) {
+        return -1;
+    }
+    const auto *bytes = static_cast<const uint8_t *>(data);
+    for (size_t done = 0; done < data_size;) {
+        const ssize_t sent =
+            send(descriptor_of(s), bytes + done, data_size - done, flags | MSG_NOSIGNAL);
+        if (sent <= 0) {
+            keep_error(s, errno);
+            char reason[tavlen::error_text_size];
+            LPRINTF("ERROR: unable to send: %s", sock_socket_strerror(s, reason, sizeof reason));
+            return -1;
+        }
+        done += static_cast<size_t>(sent);
+    }
+    return static_cast<int64_t>(data_size);
+}
+
+int32_t sock_recv_all(sock *s, void *data, int32_t data_size, int32_t flags)
+{
+    if (s == nullptr) {
+        LPRINTF("ERROR: sock is NULL");
+        return -1;
+    }
+    if (data == nullptr) {
+        LPRINTF("ERROR: data is NULL");
+        return -1;
+    }
+    if (data_size <= 0) {
+        LPRINTF("ERROR: data_size is too small");
+        return -1;
+    }
+    auto *bytes = static_cast<uint8_t *>(data);
+    for (int32_t done = 0; done < data_size;) {
+        const ssize_t received = recv(descriptor_of(s), bytes + done,
+                                      static_cast<size_t>(data_size - done), flags | MSG_WAITALL);
+        if (received <= 0) {
+            const int error = received != 0 ? errno : 0;
+            const bool peer_is_gone = error == ECONNRESET || error == ENOTCONN;
+            keep_error(s, peer_is_gone ? 0 : error); // as after an orderly end
+            return -1;
+        }
+        done += static_cast<int32_t>(received);
+    }
+    return data_size;
+}
+
+namespace {
+
+constexpr int32_t frame_head_size = 8; // length of the payload, type
+
+} // namespace
+
+int64_t sock_send_packet(sock *s, const void *data, size_t data_size, uint32_t type)
+{
+    static SendReports reports;
+    if (!is_sendable(__func__, &reports, s, data, data_size)) {
+        return -1;
+    }
+    uint8_t head[frame_head_size];
+    tavlen::store_wire(head, static_cast<uint32_t>(data_size));
+    tavlen::store_wire(head + sizeof(uint32_t), type);
+    const LockGuard lock(s->sem_write);
+    if (sock_send_all(s, head, sizeof head, MSG_MORE) == -1 ||
+        sock_send_all(s, data, data_size, 0) == -1) {
+        LPRINTF("ERROR: unable to send");
+        return -1;
+    }
+    return static_cast<int64_t>(data_size) + frame_head_size;
+}
+
+void *sock_recv_packet_nolock(sock *s, uint32_t *size, uint32_t *type)
+{
+    if (s == nullptr) {
+        LPRINTF("ERROR: sock is NULL");
+        return nullptr;
+    }
+    if (size == nullptr) {
+        LPRINTF("ERROR: size is NULL");
+        return nullptr;
+    }
+    if (type == nullptr) {
+        LPRINTF("ERROR: type is NULL");
+        return nullptr;
+    }
+    uint8_t head[frame_head_size];
+    if (sock_recv_all(s, head, frame_head_size, 0) == -1) {
+        return nullptr;
+    }
+    const auto length = static_cast<int32_t>(tavlen::load_wire<uint32_t>(head));
+    auto payload = length >= 0 ? tavlen::allocate_bytes(static_cast<size_t>(length)) : nullptr;
+    if (payload == nullptr) {
+        LPRINTF("ERROR: low memory");
+        return nullptr;
+    }
+    if (sock_recv_all(s, payload.get(), length, 0) == -1) {
+        return nullptr;
+    }
+    *size = static_cast<uint32_t>(length);
+    *type = tavlen::load_wire<uint32_t>(head + sizeof(uint32_t));
+    return payload.release();
+}
+
+void *sock_recv_packet(sock *s, uint32_t *size, uint32_t *type)
+{
+    if (s == nullptr) {
+        LPRINTF("ERROR: invalid arguments");
+        return nullptr;
+    }
+    const LockGuard lock(s->sem_read);
+    return sock_recv_packet_nolock(s, size, type);
 }

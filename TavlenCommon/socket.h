@@ -137,6 +137,58 @@ TAVLEN_API int32_t sock_sendto(sock *s, const void *data, size_t data_size, uint
 TAVLEN_API void *sock_recvfrom(sock *s, uint32_t *size, uint32_t *type, struct sockaddr *addr,
                                socklen_t *addr_len);
 
+/*
+ * Streams. A frame is the length of its payload and its type, 4 bytes each and big-endian, then the
+ * payload of 1 to 2,147,483,647 bytes. After a failed transfer of a frame the place of the next one
+ * is lost: end the connection.
+ */
+
+/** sock_listen_general for streams. */
+TAVLEN_API sock *sock_listen(const char *server, const char *port);
+
+/** sock_connect_general for streams. */
+TAVLEN_API sock *sock_connect(const char *server, const char *port);
+
+/**
+ * sock_connect that gives up soon: at most 4 repeated requests, and on the connection keep-alive
+ * probes after 2 seconds of silence and an end after 10 seconds without an acknowledgement.
+ */
+TAVLEN_API sock *sock_connect_fail_fast(const char *server, const char *port);
+
+/** Waits for a connection and gives it as a new socket. Holds the listener's `sem_read`. */
+TAVLEN_API sock *sock_accept(sock *listener);
+
+/** send(2), once. The bytes sent; -1. */
+TAVLEN_API int64_t sock_send(sock *s, const void *data, size_t len, int32_t flags);
+
+/** recv(2), once. The bytes received, 0 at the end of the stream; -1. */
+TAVLEN_API int64_t sock_recv(sock *s, void *buf, uint32_t len, int32_t flags);
+
+/**
+ * Sends every byte (at most 2,147,483,647), without a signal when the peer is gone. `data_size`; or
+ * -1, reported.
+ */
+TAVLEN_API int64_t sock_send_all(sock *s, const void *data, size_t data_size, int32_t flags);
+
+/**
+ * Fills the buffer. `data_size`; or -1, with `error` 0 when the peer has closed or reset the
+ * connection. Only bad arguments are reported.
+ */
+TAVLEN_API int32_t sock_recv_all(sock *s, void *data, int32_t data_size, int32_t flags);
+
+/** Sends one frame. Holds `sem_write`. `data_size` + 8; or -1, reported. */
+TAVLEN_API int64_t sock_send_packet(sock *s, const void *data, size_t data_size, uint32_t type);
+
+/**
+ * Waits for one frame and gives its payload, a new block for the caller to free. Holds `sem_read`.
+ * Null after a failed receive, which is not reported (see sock_recv_all), or for a length of 0 or
+ * one that memory does not suffice for, which are; `size` and `type` are left alone then.
+ */
+TAVLEN_API void *sock_recv_packet(sock *s, uint32_t *size, uint32_t *type);
+
+/** sock_recv_packet for a caller that holds `sem_read` itself (sock_lock_r). */
+TAVLEN_API void *sock_recv_packet_nolock(sock *s, uint32_t *size, uint32_t *type);
+
 #ifdef __cplusplus
 }
 #endif

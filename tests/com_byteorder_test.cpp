@@ -6,16 +6,16 @@
 
 using ByteOrder = ReportingTest;
 
-// The first item goes alone, the other two as an array: to an odd address, and there back again.
+// Two items go as an array, the last one alone: to an odd address, and there back again.
 static void expect_wire(const auto &items, const std::string &wire)
 {
     constexpr size_t width = sizeof items[0];
     uint8_t place[1 + 3 * width];
-    bo_hton_element(place + 1, &items[0], width);
-    bo_hton_array(place + 1 + width, &items[1], width, 2);
+    bo_hton_array(place + 1, &items[0], width, 2);
+    bo_hton_element(place + 1 + 2 * width, &items[2], width);
     EXPECT_EQ(std::vector<uint8_t>(place + 1, place + sizeof place), bytes(wire));
-    bo_ntoh_element(place + 1, place + 1, width);
-    bo_ntoh_array(place + 1 + width, place + 1 + width, width, 2);
+    bo_ntoh_array(place + 1, place + 1, width, 2);
+    bo_ntoh_element(place + 1 + 2 * width, place + 1 + 2 * width, width);
     EXPECT_EQ(memcmp(place + 1, &items[0], 3 * width), 0) << wire;
     bo_hton_array(nullptr, nullptr, width, -1);
     bo_ntoh_array(nullptr, nullptr, width, -1);

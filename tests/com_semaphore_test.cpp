@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <future>
+#include <thread>
 
 #include "faults.h"
 #include "support.h"
@@ -49,18 +50,18 @@ TEST_F(Semaphores, CountingThreadsBlockAtZero)
 TEST_F(Semaphores, FailedMakingIsReported)
 {
     EXPECT_REPORTED(with(allocation, 0, 0, com_semaphore_init), nullptr, "com_semaphore_init: ERROR: low mem");
-    EXPECT_REPORTED(with(allocation, 0, 0, com_semaphore_int_init, 1), nullptr,
+    EXPECT_REPORTED(with(allocation, 0, 0, com_semaphore_int_init, 1U), nullptr,
                     "com_semaphore_int_init: ERROR: low mem");
     EXPECT_REPORTED(with("pthread_mutex_init", ENOMEM, 0, com_semaphore_init), nullptr,
                     "com_semaphore_init: ERROR: unable to init. mutex");
-    EXPECT_REPORTED(with("sem_init", -1, EINVAL, com_semaphore_int_init, 1), nullptr,
+    EXPECT_REPORTED(with("sem_init", -1, EINVAL, com_semaphore_int_init, 1U), nullptr,
                     "com_semaphore_int_init: ERROR: unable to init. semaphore");
 }
 
 TEST_F(Semaphores, InterruptedCallsAreTakenUpAgainAndFailedOnesReported)
 {
     com_semaphore *mutex = com_semaphore_init();
-    com_semaphore *counting = with("sem_init", -1, ENOSYS, com_semaphore_int_init, 2); // not between processes, then
+    com_semaphore *counting = with("sem_init", -1, ENOSYS, com_semaphore_int_init, 2U); // not between processes, then
     fake_platform.sleeps = 0;
     with("pthread_mutex_lock", EDEADLK, 0, com_semaphore_lock, mutex);
     with("sem_wait", -1, EINTR, com_semaphore_lock, counting);
@@ -79,6 +80,80 @@ TEST_F(Semaphores, InterruptedCallsAreTakenUpAgainAndFailedOnesReported)
                    "com_semaphore_destroy: ERROR: unable to destroy mutex 16, 5",
                    "com_semaphore_destroy: WARNING: trylock returns 22, 5",
                    "com_semaphore_destroy: ERROR: unable to destroy mutex 16, 0"); // unlocked, and had not been locked
+}
+
+// ----------------------------------------------------------------------------------- conditionals
+
+class Conditionals : public ReportingTest {
+protected:
+    /// The ordinary close, by the creator, is told of.
+    void close(com_conditional *c)
+    {
+        com_conditional_close(c);
+        EXPECT_REPORTS("com_conditional_close: ERROR: failed pthread_mutex_destroy");
+    }
+};
+
+TEST_F(Conditionals, CreatorHoldsTheMutexAndThreadsWakeIt)
+{
+    com_conditional *c = com_conditional_init();
+    EXPECT_EQ(pthread_mutex_trylock(&c->mutex), EBUSY);
+    com_conditional_timedwait(c, 0);
+    com_conditional_timedwait(c, INT32_MIN);
+    com_conditional_signal(c); // nobody waits: forgotten
+    EXPECT_REPORTS();
+    std::thread signaller([c] {
+        pthread_mutex_lock(&c->mutex); // free only while the creator waits
+        com_conditional_signal(c);
+        pthread_mutex_unlock(&c->mutex);
+    });
+    com_conditional_wait(c);
+    signaller.join();
+    EXPECT_REPORTS();
+    close(c);
+}
+
+TEST_F(Conditionals, FailuresAreReported)
+{
+    com_conditional *const none = nullptr;
+    com_conditional_wait(none);
+    com_conditional_timedwait(none, 1);
+    com_conditional_signal(none);
+    com_conditional_close(none);
+    EXPECT_REPORTS(
+        "com_conditional_wait: ERROR: parameter invalid", "com_conditional_timedwait: ERROR: parameter invalid",
+        "com_conditional_signal: ERROR: parameter invalid", "com_conditional_close: ERROR: parameter invalid");
+    const struct {
+        const char *function, *message;
+    } makings[] = {{allocation, "low mem"},
+                   {"pthread_mutex_init", "unable to init. mutex 12"},
+                   {"pthread_cond_init", "unable to init. cond 12"}};
+    for (const auto &m : makings) {
+        const Fault fault(m.function, 1, Failing::once, m.function == allocation ? 0 : ENOMEM);
+        EXPECT_REPORTED(com_conditional_init(), nullptr, std::string("com_conditional_init: ERROR: ") + m.message);
+    }
+    com_conditional *c = com_conditional_init();
+    const auto failing = [](const char *function, int result, auto call) {
+        const Fault fault(function, 1, Failing::once, result);
+        call();
+    };
+    failing("pthread_cond_wait", EPERM, [c] { com_conditional_wait(c); });
+    failing("pthread_cond_timedwait", EPERM, [c] { com_conditional_timedwait(c, 1); });
+    failing("gettimeofday", -1, [c] { com_conditional_timedwait(c, 1); });
+    failing("pthread_cond_signal", EINVAL, [c] { com_conditional_signal(c); });
+    failing("pthread_cond_destroy", EBUSY, [c] { com_conditional_close(c); });
+    EXPECT_REPORTS("com_conditional_wait: ERROR: pthread_cond_wait failed 1",
+                   "com_conditional_timedwait: ERROR: pthread_cond_wait failed 1",
+                   "com_conditional_timedwait: ERROR: gettimeofday failed",
+                   "com_conditional_signal: ERROR: pthread_cond_signal failed 22",
+                   "com_conditional_close: ERROR: failed pthread_cond_destroy",
+                   "com_conditional_close: ERROR: failed pthread_mutex_destroy");
+    Fault fault("pthread_mutex_lock", 1, Failing::once, EINVAL);
+    c = com_conditional_init();
+    EXPECT_REPORTS("com_conditional_init: ERROR: pthread_mutex_lock failed 22");
+    fault.struck();
+    com_conditional_close(c);
+    EXPECT_REPORTS();
 }
 
 } // namespace

@@ -8,6 +8,7 @@
 #include <pthread.h>
 #include <semaphore.h>
 #include <sys/select.h>
+#include <sys/time.h>
 
 FakePlatform fake_platform;
 
@@ -67,6 +68,12 @@ FAULTABLE(int, sem_init, (sem_t * s, int shared, unsigned value), (s, shared, va
 FAULTABLE(int, sem_wait, (sem_t * s), (s))
 FAULTABLE(int, sem_post, (sem_t * s), (s))
 FAULTABLE(int, sem_destroy, (sem_t * s), (s))
+FAULTABLE(int, pthread_cond_init, (pthread_cond_t * c, const pthread_condattr_t *a), (c, a))
+FAULTABLE(int, pthread_cond_wait, (pthread_cond_t * c, pthread_mutex_t *m), (c, m))
+FAULTABLE(int, pthread_cond_timedwait, (pthread_cond_t * c, pthread_mutex_t *m, const timespec *t), (c, m, t))
+FAULTABLE(int, pthread_cond_signal, (pthread_cond_t * c), (c))
+FAULTABLE(int, pthread_cond_destroy, (pthread_cond_t * c), (c))
+FAULTABLE(int, gettimeofday, (timeval * t, void *zone), (t, zone))
 FAULTABLE(int, socket, (int domain, int type, int protocol), (domain, type, protocol))
 FAULTABLE(int, close, (int fd), (fd))
 FAULTABLE(int, setsockopt, (int fd, int l, int o, const void *v, socklen_t n), (fd, l, o, v, n))

@@ -74,13 +74,12 @@ TEST(Chain, LinksBothWays)
     mtb_element a{}, b{}, c{};
     const auto is = [](const mtb_element *e, const void *wanted) { return e == wanted ? 1 : 0; };
     chain_init(&chain);
-    chain_append(&chain, &b);
+    chain_prepend(&chain, &b);
     chain_append(&chain, &c);
     chain_prepend(&chain, &a);
     EXPECT_EACH(&b, chain_next(&chain, chain_first(&chain)), chain_find(&chain, is, &b));
     chain_unlink(&chain, &b);
-    EXPECT_EACH(&c, chain_next(&chain, &a), chain_pop_last(&chain));
-    EXPECT_EACH(&a, chain_pop_last(&chain));
+    EXPECT_TRUE(chain_next(&chain, &a) == &c && chain_pop_last(&chain) == &c && chain_pop_last(&chain) == &a);
     EXPECT_EACH(nullptr, chain_pop_last(&chain), chain_pop_first(&chain), chain_find(&chain, is, &b), chain.last);
 }
 
@@ -149,6 +148,7 @@ TEST_F(MapToBuffer, GettersRefuseInOrderAndLeaveVariablesAlone)
     EXPECT_FAILURE(-5, mtb_get_string, (65536 + 8, &text, &len, s), "element with name 8 not found");
     EXPECT_FAILURE(-5, mtb_get_blob, (8, &data, &len, s), "element with name 8 not found");
     EXPECT_FAILURE(-5, mtb_get_array_element, (0, 8, &data, 19, s), "element with name 8 not found");
+    EXPECT_FAILURE(-3, mtb_get_array_element, (-1, 1, &data, 27, nested), "invalid element position parameter -1");
     EXPECT_FAILURE(-3, mtb_get_array_element, (1, 1, &data, 19, nested), "invalid element position parameter 1");
     EXPECT_FAILURE(-2, mtb_get_array_element, (0, 1, &data, 12, nested), "unknown element type specified: 12");
     EXPECT_TRUE(text == nullptr && data == this && len == 77);
@@ -195,18 +195,18 @@ TEST_F(MapToBuffer, MalformedBuffers)
     const std::string in_struct = "get_struct_from_binary_buffer: ERROR: failed to map structure 14 from binary buffer";
     const std::string in_array = "get_array_struct_from_buffer: ERROR: failed to map array 28 from binary buffer";
     const std::string one_left = "get_binary_buffer_element_name: ERROR: wrong buffer size: 1";
-    const auto expect = [this](const std::string &wire, size_t left, int32_t result, const Reports &reports) {
+    const auto expect = [this](const std::string &wire, int32_t left, int32_t result, const Reports &reports) {
         Structure holding(rich_wire); // what goes too
         holding.read(bytes(wire));
-        EXPECT_TRUE(holding.result == result && holding.root->buffer->first == nullptr) << wire;
-        EXPECT_EQ(holding.left, static_cast<int32_t>(left)) << wire;
+        EXPECT_EQ((std::vector{holding.result, holding.left, holding.root->buffer->count}),
+                  (std::vector{result, left, 0}));
         EXPECT_EQ(take_reports(), reports) << wire;
     };
     expect("00 01", 0, -3, {"get_binary_buffer_element_type: ERROR: wrong buffer size: 0", bad + "(name=1, type=252)"});
     expect("ff ff 00 99", 1, -3, {bad + "(name=65535, type=0)"});
     for (const std::string value : {"01 00 00 00", "07 01 02 03", "0c 00 00 00 02 61", "0c 7f ff ff ff 61",
                                     "10 ff ff ff ff 61", "1a 20 00 00 00 00 00 00 00"}) {
-        expect("00 01 " + value, bytes(value).size() - 1, -4, {cut});
+        expect("00 01 " + value, static_cast<int32_t>(bytes(value).size()) - 1, -4, {cut});
     }
     expect("00 01 1b ff ff ff ff 61", 1, -4, {cut});
     expect("00 01 1b 00 00 00 02 00 00 00 01 61 00 00 00 02 61", 5, -4, {cut});
@@ -300,19 +300,19 @@ TEST_F(MapToBuffer, DamagedStructuresAreReportedAtEveryLevelAndReleasedWhole)
     const std::string no_struct_size = "get_struct_size: ERROR: failed to calculate structure 14 size";
     const std::string not_freed = "free_struct: ERROR: failed to free structure 14";
     const std::string warning = "free_deserialized_buffer: WARNING: failed to free serialed packet element, type = 14";
-    // In an array, a structure with an element of no known type and one with a block behind it.
-    s.read(bytes("00 06 1c 00 00 00 01 00 06 0e 00 00 00 02 00 01 02 07 00 02 0c 00 00 00 01 61"));
-    s.root->buffer->first->buffer->first->buffer->first->type = 29;
+    // In an array, a structure with two elements of no known type and one with a block behind them.
+    s.read(bytes("00 06 1c 00 00 00 01 00 06 0e 00 00 00 03 00 01 02 07 00 01 02 07 00 02 0c 00 00 00 01 61"));
+    mtb_element *bad = s.root->buffer->first->buffer->first->buffer->first;
+    bad->type = bad->next->type = 29;
     EXPECT_REPORTED(mtb_calc_serialized_packet_size(s, &size), MTB_BAD_DATA,
                     "calc_serialized_packet_size: ERROR: bad data type encountered 29", no_struct_size,
                     "get_array_size: ERROR: failed to calculate array size", no_size);
     EXPECT_EQ(mtb_serialize_to_binary(s, &cursor), MTB_BAD_DATA);
     EXPECT_EQ(take_reports()[0], "mtb_serialize_to_binary: ERROR: invalid data type encauntered, type = 29\n");
-    EXPECT_REPORTED(mtb_free_deserialized_packet(s), MTB_OK,
-                    "free_deserialized_buffer: ERROR: bad data type encountered: 29", not_freed, warning);
-    // A structure without a chain.
+    const std::string not_released = "free_deserialized_buffer: ERROR: bad data type encountered: 29";
+    EXPECT_REPORTED(mtb_free_deserialized_packet(s), MTB_OK, not_released, not_freed, warning, not_released);
     mtb_add_struct(3, mtb_struct_new(1), s);
-    free(std::exchange(s.root->buffer->first->buffer, nullptr));
+    free(std::exchange(s.root->buffer->first->buffer, nullptr)); // a structure without a chain
     EXPECT_REPORTED(mtb_calc_serialized_packet_size(s, &size), MTB_BAD_ARG, no_struct_size, no_size);
     EXPECT_EQ(size, 5U) << "failures leave it alone";
     EXPECT_REPORTED(mtb_serialize_to_binary(s, &cursor), MTB_BAD_ARG, "mtb_serialize_to_binary" MISSING,
