@@ -5,6 +5,7 @@
 #include <cstring>
 #include <iterator>
 #include <memory>
+#include <type_traits>
 
 #include <TavlenCommon/buffer_packet_internal.h>
 #include <TavlenCommon/logger.h>
@@ -328,6 +329,9 @@ void set_entry23(Message &item, const entry_record &entry)
     item.int32(4, entry.value4).int32(5, entry.value5).int32(6, entry.sub_count);
     item.int32(7, entry.value7);
     item.structures(8, entry.sub_count, [&entry](Message &sub_item, int32_t i) {
+        if (entry.pairs == nullptr) {
+            return; // an item without fields cannot be nested, which ends the message
+        }
         set_pair(sub_item, 9, entry.pairs[i]);
     });
 }
@@ -340,7 +344,7 @@ void set_entry24(Message &item, const entry_record &entry)
 clpacket *create_entry_list(uint32_t type, const entry_list *list,
                             void (*set_entry)(Message &, const entry_record &))
 {
-    if (list == nullptr) {
+    if (list == nullptr || (list->count > 0 && list->entries == nullptr)) {
         return nullptr;
     }
     return versioned(type)
@@ -395,10 +399,12 @@ clpacket *clpacket_create_type24(const entry_list *list)
 
 clpacket *clpacket_create_type25(const value_pair *pairs, int32_t count)
 {
+    if (count > 0 && pairs == nullptr) {
+        return nullptr;
+    }
     return versioned(25)
         .int32(2, count)
-        .structures(3, pairs != nullptr ? count : 0,
-                    [pairs](Message &item, int32_t i) { set_pair(item, 4, pairs[i]); })
+        .structures(3, count, [pairs](Message &item, int32_t i) { set_pair(item, 4, pairs[i]); })
         .finish();
 }
 
@@ -477,6 +483,9 @@ clpacket *clpacket_create_result(int32_t status, int32_t row_count, const result
                                  const char *error_text, int32_t error_text_len)
 {
     Message message = versioned(CLPACKET_RESULT);
+    if (!message.exists()) {
+        return nullptr;
+    }
     message.int32(2, status).int32(3, error_code);
     if (error_code != 0) {
         return message.string(4, error_text, error_text_len).int32(5, 0).finish();
@@ -498,9 +507,7 @@ clpacket *clpacket_create_result(int32_t status, int32_t row_count, const result
                            [&](Message &item, int32_t i) { set_row(item, rows[range.first + i]); });
     }
     if (rows == nullptr || !message.is_good()) {
-        if (message.exists()) {
-            LPRINTF("ERROR: failed to set result item");
-        }
+        LPRINTF("ERROR: failed to set result item");
         return nullptr;
     }
     return message.int32(5, count).finish();
@@ -606,7 +613,13 @@ enum Place {
     wrong_type,
     item_missing,
     no_memory,
-    place_count
+    no_count_read,
+    cell_unreadable,
+    text_unreadable,
+    wrong_size,
+    item_unreadable,
+    text_not_copied, // one for each text of a server
+    place_count = text_not_copied + 5
 };
 
 struct Reporter {
@@ -995,13 +1008,22 @@ private:
     int32_t position_ = 0;
 };
 
+/// Names of fields start anew after 65,536, so a longer row of values has no more fields than that.
+/// What it announces, and what is copied for it, is held down to so many times what there is.
+constexpr uint64_t most_rounds_of_names = 16;
+
 /// A nested structure of fields of one type that are named by their running index; of equal names
 /// the first counts. They come in order as a rule; otherwise they are indexed once.
 class IndexedFields {
 public:
-    explicit IndexedFields(uint8_t type) : view_(clpacket_create()), type_(type) {}
+    explicit IndexedFields(uint8_t type) : type_(type) {}
 
-    bool exist() const { return view_ != nullptr; }
+    /// To be called first; false without memory.
+    bool create()
+    {
+        view_ = owned_packet(clpacket_create());
+        return view_ != nullptr;
+    }
 
     /// Views the structure of that name.
     bool view(clpacket *p, int32_t name)
@@ -1013,8 +1035,25 @@ public:
         return true;
     }
 
-    /// How many fields there are.
-    size_t size() const { return static_cast<size_t>(view_->structr->buffer->count); }
+    /// How many values the fields bear out.
+    uint64_t most_values() const
+    {
+        const auto fields = static_cast<uint64_t>(view_->structr->buffer->count);
+        return fields < name_count ? fields : name_count * most_rounds_of_names;
+    }
+
+    /// How many bytes of blobs there are.
+    uint64_t bytes() const
+    {
+        uint64_t sum = 0;
+        for (const mtb_element *e = view_->structr->buffer->first; e != nullptr; e = e->next) {
+            sum += e->type == MTB_TYPE_BLOB ? static_cast<uint32_t>(e->len) : 0;
+        }
+        return sum;
+    }
+
+    /// Says that a read has failed for lack of memory alone.
+    bool lacks_memory() const { return lacks_memory_; }
 
     // Each reads the field of that index as the getter of its type does, in one step.
     bool read(uint64_t index, int32_t *value)
@@ -1023,7 +1062,8 @@ public:
             *value = e->value.i32;
             return true;
         }
-        return clpacket_get_int32_signed(view_.get(), name_of(index), value) == MTB_OK;
+        return !lacks_memory_ &&
+               clpacket_get_int32_signed(view_.get(), name_of(index), value) == MTB_OK;
     }
     bool read(uint64_t index, uint32_t *value)
     {
@@ -1031,7 +1071,8 @@ public:
             *value = e->value.u32;
             return true;
         }
-        return clpacket_get_int32_unsigned(view_.get(), name_of(index), value) == MTB_OK;
+        return !lacks_memory_ &&
+               clpacket_get_int32_unsigned(view_.get(), name_of(index), value) == MTB_OK;
     }
     bool read(uint64_t index, void **bytes, uint32_t *len)
     {
@@ -1040,7 +1081,8 @@ public:
             *len = static_cast<uint32_t>(e->len);
             return true;
         }
-        return clpacket_get_blob(view_.get(), name_of(index), bytes, len) == MTB_OK;
+        return !lacks_memory_ &&
+               clpacket_get_blob(view_.get(), name_of(index), bytes, len) == MTB_OK;
     }
     bool read(uint64_t index, char **text, uint32_t *len)
     {
@@ -1049,7 +1091,8 @@ public:
             *len = static_cast<uint32_t>(e->len);
             return true;
         }
-        return clpacket_get_string(view_.get(), name_of(index), text, len) == MTB_OK;
+        return !lacks_memory_ &&
+               clpacket_get_string(view_.get(), name_of(index), text, len) == MTB_OK;
     }
 
 private:
@@ -1065,7 +1108,8 @@ private:
             return found;
         }
         in_order_ = false;
-        return by_name_ != nullptr || make_index() ? by_name_.get()[name] : nullptr;
+        lacks_memory_ = by_name_ == nullptr && !make_index();
+        return lacks_memory_ ? nullptr : by_name_.get()[name];
     }
 
     bool is_field(const mtb_element *e, int32_t name) const
@@ -1091,6 +1135,7 @@ private:
     uint8_t type_;
     const mtb_element *next_ = nullptr;
     bool in_order_ = true;
+    bool lacks_memory_ = false;
     owned<const mtb_element *> by_name_;
 };
 
@@ -1149,6 +1194,15 @@ Opening strict_opening(uint32_t type)
 
 namespace {
 
+/// Gives an output its value for a failure, if it is there.
+template <class T>
+void reset(T *output, std::type_identity_t<T> value)
+{
+    if (output != nullptr) {
+        *output = value;
+    }
+}
+
 int32_t extract_number(clpacket *p, uint32_t type, int32_t *value2)
 {
     if (p == nullptr || value2 == nullptr) {
@@ -1163,14 +1217,13 @@ int32_t extract_number(clpacket *p, uint32_t type, int32_t *value2)
     return read_int32(p, 2, value2) ? CLPACKET_EXTRACT_OK : CLPACKET_EXTRACT_BAD_DATA;
 }
 
-/// Reads a list of structures: their number from `count_field`, then each by read(view, entry).
-/// A failure leaves nothing; release(entry) frees what an entry holds.
+/// Reads as many structures as are announced, each by read(view, entry). A failure leaves nothing;
+/// release(entry) frees what an entry holds.
 template <class Entry, class Read, class Release>
-int32_t extract_structures(clpacket *p, int32_t count_field, int32_t array_field, int32_t *count,
+int32_t extract_structures(clpacket *p, int32_t array_field, int32_t announced, int32_t *count,
                            Entry **entries, Read read, Release release)
 {
-    int32_t announced = 0;
-    if (!read_int32(p, count_field, &announced) || announced < 0) {
+    if (announced < 0) {
         return CLPACKET_EXTRACT_BAD_DATA;
     }
     ArrayWalk walk(p, array_field);
@@ -1212,12 +1265,13 @@ int32_t read_pair(clpacket *view, int32_t first_field, value_pair *pair)
 
 int32_t read_entry23(clpacket *view, entry_record *entry)
 {
+    int32_t announced = 0;
     if (!read_int32(view, 4, &entry->value4) || !read_int32(view, 5, &entry->value5) ||
-        !read_int32(view, 7, &entry->value7)) {
+        !read_int32(view, 6, &announced) || !read_int32(view, 7, &entry->value7)) {
         return CLPACKET_EXTRACT_BAD_DATA;
     }
     return extract_structures(
-        view, 6, 8, &entry->sub_count, &entry->pairs,
+        view, 8, announced, &entry->sub_count, &entry->pairs,
         [](clpacket *pair_view, value_pair *pair) { return read_pair(pair_view, 9, pair); },
         keep<value_pair>);
 }
@@ -1235,15 +1289,19 @@ template <class Entry, class Read, class Release>
 int32_t extract_list_message(clpacket *p, const Opening &expected, int32_t *count, Entry **entries,
                              Read read, Release release)
 {
+    reset(count, -1);
+    reset(entries, nullptr);
     if (p == nullptr || count == nullptr || entries == nullptr) {
         return CLPACKET_EXTRACT_BAD_ARG;
     }
-    *count = -1;
-    *entries = nullptr;
     const int32_t opened = open_message(p, expected);
-    return opened != CLPACKET_EXTRACT_OK
-               ? opened
-               : extract_structures(p, 2, 3, count, entries, read, release);
+    if (opened != CLPACKET_EXTRACT_OK) {
+        return opened;
+    }
+    int32_t announced = 0;
+    return read_int32(p, 2, &announced)
+               ? extract_structures(p, 3, announced, count, entries, read, release)
+               : CLPACKET_EXTRACT_BAD_DATA;
 }
 
 /// A copy of an array of numbers.
@@ -1297,18 +1355,24 @@ struct BlobCopies {
 int32_t extract_blobs(clpacket *p, int32_t name, uint32_t count, BlobCopies *copies)
 {
     IndexedFields blobs(MTB_TYPE_BLOB);
-    if (!blobs.exist() || !copies->exist()) {
+    if (!blobs.create() || !copies->exist()) {
         return CLPACKET_EXTRACT_NOMEM;
     }
     if (!blobs.view(p, name)) {
         return CLPACKET_EXTRACT_BAD_DATA;
     }
+    uint64_t bytes_left = blobs.bytes() * most_rounds_of_names;
     for (uint32_t i = 0; i < count; ++i) {
         void *bytes = nullptr;
         uint32_t len = 0;
-        if (!blobs.read(i, &bytes, &len)) {
+        const bool readable = blobs.read(i, &bytes, &len);
+        if (blobs.lacks_memory()) {
+            return CLPACKET_EXTRACT_NOMEM;
+        }
+        if (!readable || len > bytes_left) {
             return CLPACKET_EXTRACT_BAD_DATA;
         }
+        bytes_left -= len;
         if (!copies->add(bytes, len)) {
             return CLPACKET_EXTRACT_NOMEM;
         }
@@ -1319,14 +1383,14 @@ int32_t extract_blobs(clpacket *p, int32_t name, uint32_t count, BlobCopies *cop
 int32_t extract_values_and_blobs(clpacket *p, uint32_t type, int32_t *value2, uint32_t *count,
                                  int32_t **values, void ***data, uint32_t **lens)
 {
+    reset(count, 0);
+    reset(values, nullptr);
+    reset(data, nullptr);
+    reset(lens, nullptr);
     if (p == nullptr || value2 == nullptr || count == nullptr || values == nullptr ||
         data == nullptr || lens == nullptr) {
         return CLPACKET_EXTRACT_BAD_ARG;
     }
-    *count = 0;
-    *values = nullptr;
-    *data = nullptr;
-    *lens = nullptr;
     int32_t result =
         open_message(p, {type, CLPACKET_EXTRACT_BAD_DATA, CLPACKET_EXTRACT_WRONG, false});
     if (result == CLPACKET_EXTRACT_OK && !read_int32(p, 2, value2)) {
@@ -1391,11 +1455,11 @@ int32_t clpacket_extract_type25(clpacket *p, int32_t *count, value_pair **pairs)
 
 int32_t clpacket_extract_type26(clpacket *p, uint32_t *count, int32_t **values)
 {
+    reset(count, 0);
+    reset(values, nullptr);
     if (p == nullptr || count == nullptr || values == nullptr) {
         return CLPACKET_EXTRACT_BAD_ARG;
     }
-    *count = 0;
-    *values = nullptr;
     owned<int32_t> numbers;
     int32_t result = open_message(p, strict_opening(26));
     if (result == CLPACKET_EXTRACT_OK) {
@@ -1407,18 +1471,23 @@ int32_t clpacket_extract_type26(clpacket *p, uint32_t *count, int32_t **values)
 
 int32_t clpacket_extract_type28(clpacket *p, int32_t *value2, int32_t *value3)
 {
+    reset(value2, -1);
+    reset(value3, -1);
     if (p == nullptr || value2 == nullptr || value3 == nullptr) {
         return CLPACKET_EXTRACT_BAD_ARG;
     }
-    int32_t result = open_message(p, strict_opening(28));
-    if (result == CLPACKET_EXTRACT_OK && (!read_int32(p, 2, value2) || !read_int32(p, 3, value3))) {
-        result = CLPACKET_EXTRACT_BAD_DATA;
+    int32_t second = 0;
+    int32_t third = 0;
+    const int32_t opened = open_message(p, strict_opening(28));
+    if (opened != CLPACKET_EXTRACT_OK) {
+        return opened;
     }
-    if (result != CLPACKET_EXTRACT_OK) {
-        *value2 = -1;
-        *value3 = -1;
+    if (!read_int32(p, 2, &second) || !read_int32(p, 3, &third)) {
+        return CLPACKET_EXTRACT_BAD_DATA;
     }
-    return result;
+    *value2 = second;
+    *value3 = third;
+    return CLPACKET_EXTRACT_OK;
 }
 
 int32_t clpacket_extract_type36(clpacket *p, int32_t *value2, int32_t *value3, int32_t *value4)
@@ -1457,8 +1526,7 @@ int32_t clpacket_extract_type38(clpacket *p, int32_t *value2, uint32_t *count, i
     return extract_values_and_blobs(p, 38, value2, count, values, data, lens);
 }
 
-// ----------------------------------------------------------------- query results and change
-// notices
+// --------------------------------------------------------------- query results, change notices
 
 namespace {
 
@@ -1513,14 +1581,16 @@ int32_t clpacket_extract_result(clpacket *p, int32_t *status, int32_t *error_cod
                                 int32_t *row_count, char **error_text, uint32_t *error_text_len,
                                 result_item **items)
 {
+    reset(status, 0);
+    reset(error_code, 0);
+    reset(row_count, 0);
+    reset(error_text, nullptr);
+    reset(error_text_len, 0U);
+    reset(items, nullptr);
     if (p == nullptr || status == nullptr || error_code == nullptr || row_count == nullptr ||
         error_text == nullptr || error_text_len == nullptr || items == nullptr) {
         return CLPACKET_EXTRACT_BAD_ARG;
     }
-    *status = *error_code = *row_count = 0;
-    *error_text = nullptr;
-    *error_text_len = 0;
-    *items = nullptr;
     const int32_t opened = open_message(
         p, {CLPACKET_RESULT, CLPACKET_EXTRACT_BAD_DATA, CLPACKET_EXTRACT_WRONG, false});
     if (opened != CLPACKET_EXTRACT_OK) {
@@ -1535,7 +1605,10 @@ int32_t clpacket_extract_result(clpacket *p, int32_t *status, int32_t *error_cod
     if (*status <= highest_status_without_rows) {
         return CLPACKET_EXTRACT_OK;
     }
-    return extract_structures(p, 5, 6, row_count, items, read_row, release_row);
+    int32_t announced = 0;
+    return read_int32(p, 5, &announced)
+               ? extract_structures(p, 6, announced, row_count, items, read_row, release_row)
+               : CLPACKET_EXTRACT_BAD_DATA;
 }
 
 namespace {
@@ -1643,8 +1716,7 @@ db_change_notice *clpacket_check_db_changed(clpacket *p)
     return notice.release();
 }
 
-// --------------------------------------------------------------------------------- server
-// extractors
+// ---------------------------------------------------------------------------- reading servers
 
 namespace {
 
@@ -1689,7 +1761,7 @@ typename Kind::Entry *extract_item(const Reporter &report, clpacket *p)
         (void)clpacket_get_string(p, static_cast<int32_t>(i), &texts[i], &lens[i]);
     }
     if (p->error_state != MTB_OK) {
-        report.say(item_failed, Kind::item_not_read);
+        report.say(item_unreadable, Kind::item_not_read);
         return nullptr;
     }
     owned_entry<Kind> entry(allocate_zeroed<typename Kind::Entry>(1).release());
@@ -1701,7 +1773,7 @@ typename Kind::Entry *extract_item(const Reporter &report, clpacket *p)
         char *copy = copy_terminated(texts[i], lens[i]).release();
         entry.get()->*Kind::texts[i].text = copy;
         if (copy == nullptr) {
-            report.say(not_created, Kind::texts[i].not_copied);
+            report.say(static_cast<Place>(text_not_copied + i), Kind::texts[i].not_copied);
             return nullptr;
         }
     }
@@ -1784,7 +1856,7 @@ typename Kind::List *extract_list(const Reporter &report, clpacket *p)
         return nullptr;
     }
     if (!read_int32(p, 0, &announced) || announced < 0) {
-        report.say(not_built, "ERROR: failed to extract packet");
+        report.say(no_count_read, "ERROR: failed to extract packet");
         return nullptr;
     }
     ArrayWalk walk(p, 1);
@@ -1872,28 +1944,19 @@ struct Table {
     owned<void *> data;
     owned<char *> texts;
 
-    bool allocate(size_t cells)
+    bool allocate(size_t cells, bool with_texts)
     {
         values = allocate_zeroed<int32_t>(cells);
         data_lens = allocate_zeroed<uint32_t>(cells);
-        text_lens = allocate_zeroed<uint32_t>(cells);
         data = allocate_zeroed<void *>(cells);
-        texts = allocate_zeroed<char *>(cells);
-        return values != nullptr && data_lens != nullptr && text_lens != nullptr &&
-               data != nullptr && texts != nullptr;
+        if (with_texts) {
+            text_lens = allocate_zeroed<uint32_t>(cells);
+            texts = allocate_zeroed<char *>(cells);
+        }
+        return values != nullptr && data_lens != nullptr && data != nullptr &&
+               (!with_texts || (text_lens != nullptr && texts != nullptr));
     }
 };
-
-/**
- * The most cells that a packet bears out. Names of fields start anew after 65,536, so a larger
- * table has no more fields than that, and what it announces has to be held down otherwise.
- */
-size_t cells_borne_out(uint64_t announced, size_t fields)
-{
-    constexpr size_t most_tables_wrapped = 64;
-    const size_t most = fields < name_count ? fields : fields * most_tables_wrapped;
-    return static_cast<size_t>(std::min<uint64_t>(announced, most));
-}
 
 /// A table of a packet: its fields as they are read, cell by cell.
 class TableReader {
@@ -1916,8 +1979,8 @@ public:
 private:
     bool open(clpacket *p)
     {
-        if (!values_.exist() || !data_lens_.exist() || !data_.exist() ||
-            (with_texts_ && !texts_.exist())) {
+        if (!values_.create() || !data_lens_.create() || !data_.create() ||
+            (with_texts_ && !texts_.create())) {
             report_.say(not_created, "ERROR: failed to create packet");
             return false;
         }
@@ -1934,8 +1997,9 @@ private:
     bool read_cells()
     {
         const uint64_t announced = uint64_t{rows_} * cols_;
-        const size_t most = cells_borne_out(announced, values_.size());
-        if (!table_.allocate(most)) {
+        const uint64_t most = std::min(
+            {announced, values_.most_values(), data_lens_.most_values(), data_.most_values()});
+        if (!table_.allocate(static_cast<size_t>(most), with_texts_)) {
             report_.say(no_memory, "ERROR: low memory");
             return false;
         }
@@ -1955,11 +2019,11 @@ private:
         void *data = nullptr;
         if (!values_.read(i, &value) || !data_lens_.read(i, &sent_len) ||
             !data_.read(i, &data, &len) || !borne_out) {
-            report_.say(item_failed, "ERROR: failed to extract packet");
+            say_unreadable(cell_unreadable);
             return false;
         }
         if (len != sent_len) {
-            LPRINTF_AS(report_.function, report_.slots[no_entry],
+            LPRINTF_AS(report_.function, report_.slots[wrong_size],
                        "ERROR: invalid value size (got: %u, expected: %u)", len, sent_len);
             return false;
         }
@@ -1967,10 +2031,20 @@ private:
         table_.data_lens.get()[i] = len;
         table_.data.get()[i] = data;
         if (with_texts_ && !texts_.read(i, &table_.texts.get()[i], &table_.text_lens.get()[i])) {
-            report_.say(item_failed, "ERROR: failed to extract packet");
+            say_unreadable(text_unreadable);
             return false;
         }
         return true;
+    }
+
+    void say_unreadable(Place place) const
+    {
+        if (values_.lacks_memory() || data_lens_.lacks_memory() || data_.lacks_memory() ||
+            texts_.lacks_memory()) {
+            report_.say(no_memory, "ERROR: low memory");
+        } else {
+            report_.say(place, "ERROR: failed to extract packet");
+        }
     }
 
     bool is_still_good(const clpacket *p) const

@@ -9,7 +9,8 @@
  *     named by the element that they travel in.
  *  2. An extractor checks the type and reads the fields, from a received packet as well as from one
  *     just built. Outputs come in one order: single values, the count, then the arrays it counts.
- *     What it allocates, the caller frees; a failure frees everything and resets the outputs.
+ *     What it allocates, the caller frees. A failure frees everything and sets counts and arrays as
+ *     the extractor's comment says; single values are then as they were, or what was read.
  *  3. The generic extractors (clpacket_extract_type<N>, clpacket_extract_result) report nothing of
  *     their own and answer with a CLPACKET_EXTRACT_* code. The others report what is wrong, and
  *     give null or -1.
@@ -286,8 +287,7 @@ TAVLEN_API clpacket *clpacket_create_type37(int32_t value2, uint32_t count, cons
 TAVLEN_API clpacket *clpacket_create_type38(int32_t value2, uint32_t count, const int32_t *values3,
                                             const void *const *data4, const uint32_t *lens4);
 
-/* The caller frees each data[i] (terminated), then data, lens and values. 0 and null after a
- * failure. */
+/* The caller frees each data[i] (terminated), data, lens, values. 0 and null after a failure. */
 TAVLEN_API int32_t clpacket_extract_type37(clpacket *p, int32_t *value2, uint32_t *count,
                                            int32_t **values, void ***data, uint32_t **lens);
 TAVLEN_API int32_t clpacket_extract_type38(clpacket *p, int32_t *value2, uint32_t *count,
@@ -311,7 +311,7 @@ TAVLEN_API clpacket *clpacket_create_result(int32_t status, int32_t row_count,
 
 /**
  * With an error code: its text, terminated, which the caller frees. Else the rows: the caller frees
- * each item's text and data, then `items`.
+ * each item's text and data, then `items`. All outputs are 0 and null unless they were read.
  */
 TAVLEN_API int32_t clpacket_extract_result(clpacket *p, int32_t *status, int32_t *error_code,
                                            int32_t *row_count, char **error_text,
@@ -413,8 +413,8 @@ TAVLEN_API clpacket *clpacket_admin_db_insert3(uint32_t rows, int32_t value3, ui
                                                const char *const *const *texts);
 
 /**
- * 0 or -1. Each array has rows × cols cells, row by row, and is the caller's to free; what the data
- * pointers point to stays the packet's.
+ * 0, or -1 with the outputs left alone. Each array has rows × cols cells, row by row, and is the
+ * caller's to free; what the data pointers point to stays the packet's.
  */
 TAVLEN_API int32_t clpacket_extract_admin_db_insert2(clpacket *p, uint32_t *rows, int32_t *value3,
                                                      uint32_t *cols, int32_t **values,

@@ -1,6 +1,5 @@
-// What the library's own work costs: a record to a file, a structure to bytes and back, a log
-// event. bench/run tells how the results are read.
-#include <algorithm>
+// What the library's own work costs: a record to a file, a structure to bytes and back, a message
+// of the catalogue, a log event. bench/run tells how the results are read.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +16,8 @@
 #include <TavlenCommon/com_packet.h>
 #include <TavlenCommon/logger.h>
 #include <TavlenCommon/map_to_buffer.h>
+
+#include "catalogue.h"
 
 namespace {
 
@@ -266,6 +267,45 @@ BENCHMARK_CODEC(one_string);
 BENCHMARK_CODEC(one_blob);
 BENCHMARK_CODEC(many_strings);
 
+// ----------------------------------------------------------------------- messages of the catalogue
+
+void Build(benchmark::State &state, const char *name)
+{
+    const auto message = make_catalogue_message(name, static_cast<size_t>(state.range(0)));
+    for ([[maybe_unused]] auto _ : state) {
+        clpacket *p = message->build();
+        if (p == nullptr) {
+            state.SkipWithError("not built");
+            break;
+        }
+        clpacket_destroy(p);
+    }
+    count_items(state, state.range(0));
+}
+
+void Extract(benchmark::State &state, const char *name)
+{
+    const auto message = make_catalogue_message(name, static_cast<size_t>(state.range(0)));
+    const WireMessage wire = encode_packet(message->build());
+    for ([[maybe_unused]] auto _ : state) {
+        clpacket *p = receive_packet(wire);
+        if (!message->extract(p)) {
+            state.SkipWithError("not extracted");
+        }
+        clpacket_destroy(p);
+    }
+    count_items(state, state.range(0));
+}
+
+#define BENCHMARK_MESSAGE(name, most)                                                              \
+    BENCHMARK_CAPTURE(Build, name, #name)->Arg(100)->Arg(1000)->Arg(10000)->Arg(most);             \
+    BENCHMARK_CAPTURE(Extract, name, #name)->Arg(100)->Arg(1000)->Arg(10000)->Arg(most)
+
+BENCHMARK_MESSAGE(servers, 100000);
+BENCHMARK_MESSAGE(entries, 100000);
+BENCHMARK_MESSAGE(table, 60000); // names of cells and blobs are 16 bits wide
+BENCHMARK_MESSAGE(blobs, 60000);
+
 // ------------------------------------------------------------------------------------ a log event
 
 void EventBuild(benchmark::State &state)
@@ -280,25 +320,6 @@ void EventBuild(benchmark::State &state)
     count_items(state, 1);
 }
 BENCHMARK(EventBuild);
-
-/// A packet that holds these bytes, as one does that was received.
-clpacket *packet_of(const Bytes &bytes)
-{
-    clpacket *p = clpacket_create();
-    (void)clpacket_alloc_buffer(p, bytes.size());
-    std::copy(bytes.begin(), bytes.end(), static_cast<uint8_t *>(clpacket_get_buffer(p)));
-    return p;
-}
-
-Bytes log_event_bytes()
-{
-    clpacket *p = clpacket_log_event("bench", message_text().c_str(), text_size);
-    (void)clpacket_serialize(p);
-    const auto *buffer = static_cast<const uint8_t *>(clpacket_get_buffer(p));
-    Bytes bytes(buffer, buffer + clpacket_get_buffer_size(p));
-    clpacket_destroy(p);
-    return bytes;
-}
 
 /// The three reads of a collector.
 void read_log_event(clpacket *p)
@@ -315,9 +336,10 @@ void read_log_event(clpacket *p)
 
 void EventRead(benchmark::State &state)
 {
-    const Bytes bytes = log_event_bytes();
+    const WireMessage event =
+        encode_packet(clpacket_log_event("bench", message_text().c_str(), text_size));
     for ([[maybe_unused]] auto _ : state) {
-        clpacket *p = packet_of(bytes);
+        clpacket *p = receive_packet(event);
         read_log_event(p);
         clpacket_destroy(p);
     }

@@ -22,6 +22,7 @@ void expect_values(
     cfg_add_string(&builder, "ListenPort", "27759", 3, &port, 1, "p");
     cfg_add_string(&builder, "LogFileName", "logger.log", 3, &file, 2, nullptr);
     cfg_add_int(&builder, "Mask", 1, 3, &mask, 3, "m");
+    cfg_add_int(&builder, nullptr, 7, 3, &mask, 4, "m"); // without a key: ignored
     EXPECT_EQ(builder.entries[builder.count].key, nullptr) << "the table is closed";
     EXPECT_EQ(cfg_parse_file(TemporaryFile(file_content).path(), builder.entries), 0);
     change(builder.entries);
@@ -36,7 +37,7 @@ void expect_values(
 
 TEST(ConfigStore, StrongerSourceWinsAndOfEqualsTheFirst)
 {
-    expect_values("1|x.log|4", "lIsTeNpOrT=1\nListenPort=2\n", [](cfg_entry *table) {
+    expect_values("1|x.log|4", "lIsTeNpOrT=1\nListenPort=2\nMask=2\n", [](cfg_entry *table) {
         EXPECT_EQ(cfg_set_by_name(table, "ListenPort", "3", CFG_PRIORITY_FILE), 0);
         EXPECT_EQ(cfg_set_by_option(table, "m", "4", 0), 0);
         EXPECT_EQ(cfg_set_by_id(table, 2, "x.log", 2), 0);
@@ -53,7 +54,7 @@ TEST(ConfigStore, WhatMatchesNothingIsRefused)
                        cfg_set_by_name(table, nullptr, "x", 0), cfg_set_by_name(nullptr, "Mask", "9", 0),
                        cfg_set_by_id(table, 4, "x", 0), cfg_entry_set(nullptr, "x", 0),
                        cfg_entry_set(table, nullptr, 9), cfg_builder_init(nullptr), cfg_parse_file(nullptr, table),
-                       cfg_parse_file("/nonexistent/file", table)),
+                       cfg_parse_file("/none", table)),
                   std::vector<int32_t>(12, -1));
         EXPECT_EQ(cfg_parse_file("/", table), 0) << "a folder opens and holds no line";
         table[0].type = 7;
@@ -68,7 +69,7 @@ TEST(ConfigStore, FileLines)
     expect_values("27759|logger.log|-1", "Mask=99999999999999999999");    // the highest number of 64 bits, cut
     expect_values("27759|logger.log|1", "# ListenPort=1\nListenPort\n\n=1\n\r\n\nMask\n");
     expect_values("|logger.log|0", "ListenPort=\nMask=\n");
-    expect_values("\"1\"|logger.log|6", "ListenPort=\"1\"\r\r\n\nMask=  6xyz\r\n");
+    expect_values("\"1\"|logger.log|10", "ListenPort=\"1\"\r\r\n\nMask=  010xyz\r\n");
     expect_values("1\r|1\v|-7", "ListenPort=1\r#x\nLogFileName=1\v\nMask=-7");
     expect_values("1|logger.log|4", {"ListenPort=1\0Mask=2\n\0Mask=3\nMask=4", 34});
     expect_values("27759|logger.log|5", std::string(2042, 'k') + "=1234Mask=5\nMask=6"); // in pieces of 2047

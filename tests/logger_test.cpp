@@ -113,13 +113,13 @@ TEST_F(Logger, RefusedDestinationsKeepTheOthers)
 {
     const std::string remote = "setup_remote_log_dest: remote logging disabled: ";
     EXPECT_REPORTED(log_to(-1, nullptr), 1, "set_log_dest: wrong log destination (-1) ignored (using: 1)");
-    EXPECT_REPORTED(log_to(9, nullptr), 9, "setup_file_log_dest: file logging disabled: NULL file name ignored");
+    EXPECT_REPORTED(log_to(25, nullptr), 25, "setup_file_log_dest: file logging disabled: NULL file name ignored",
+                    remote + "wrong address ([(null)]:27759) ignored");
     EXPECT_REPORTED(
-        log_to(32, "/none/x"), 9,
-        "set_log_dest: wrong log destination (32) ignored (using: 9): log destination number is too high",
-        "setup_file_log_dest: file logging disabled: log file (/none/x) not opened: No such file or directory");
-    EXPECT_REPORTED(log_to(17, nullptr), 17, remote + "wrong address ([(null)]:27759) ignored");
-    EXPECT_REPORTED(log_to(17, nullptr, "::1", nullptr), 17, remote + "wrong address ([::1]:(null)) ignored");
+        log_to(32, "/none/x", "::1", nullptr), 25,
+        "set_log_dest: wrong log destination (32) ignored (using: 25): log destination number is too high",
+        "setup_file_log_dest: file logging disabled: log file (/none/x) not opened: No such file or directory",
+        remote + "wrong address ([::1]:(null)) ignored");
     EXPECT_REPORTED(log_to(17, nullptr, "256.0.0.1"), 17, "socket_close: WARNING: socket is closed",
                     remote + "log socket ([256.0.0.1]:27759) not created");
 }

@@ -6,6 +6,7 @@
 #include <memory>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -60,6 +61,7 @@ public:
         const std::string line = "ulimit -f 20000; cd " + folder_ + " && exec " + command + " >output 2>errors";
         pid_ = fork();
         if (pid_ == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL); // never outlives the test, however that ends
             execl("/bin/sh", "sh", "-c", line.c_str(), nullptr);
             _exit(99);
         }
@@ -270,6 +272,16 @@ TEST(CollectorProcess, ExamplesReachIt)
     in_cpp.expect_output(" main: hello from C++" + end);
     EXPECT_EQ(in_c.exit_status() + in_cpp.exit_status(), 0);
     EXPECT_EQ(in_c.errors() + in_cpp.errors(), "");
+}
+
+TEST(CollectorProcess, ListExamplesTalkOverAStream)
+{
+    const std::string arguments = " " + address + " 27761";
+    Process server(TAVLEN_EXAMPLES "/list_server" + arguments + " 1");
+    server.expect_output(" main: listening\n");
+    Process client(TAVLEN_EXAMPLES "/list_client" + arguments);
+    client.expect_output("192.0.2.1 27760\n192.0.2.2 27760\n");
+    EXPECT_EQ(client.exit_status() + server.exit_status(), 0);
 }
 
 // In a mount namespace of its own the test takes the place of the system's syslog.
