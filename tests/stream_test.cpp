@@ -21,12 +21,16 @@ struct Streams : ReportingTest {
         const std::vector<uint8_t> wire = bytes(hex);
         EXPECT_EQ(sock_send(client, wire.data(), wire.size(), 0), static_cast<int64_t>(wire.size()));
     }
-    /// The client's end goes: in order, or by a reset.
+    /// The client's end goes: in order, or by a reset, which a shutdown before would keep from view.
     void end_client(bool reset)
     {
         const linger at_once{reset ? 1 : 0, 0};
         sock_setsockopt(client, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
-        client = nullptr;
+        if (reset) {
+            socket_close(client);
+        } else {
+            client = nullptr;
+        }
     }
     /// Nothing comes of a receive, and this is the error afterwards.
     void expect_no_frame(int32_t error)
