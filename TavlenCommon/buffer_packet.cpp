@@ -576,14 +576,12 @@ int32_t clpacket_sendto(clpacket *p, sock *s, const struct sockaddr *addr, uint3
 
 namespace {
 
-/// Writes the peer's address and port, or "unknown". The socket's error stays what it is.
+/// Writes the peer's address and port, or "unknown".
 void write_peer_name(sock *s, char *name, size_t size)
 {
-    const int32_t error = sock_socket_get_error(s);
     if (sock_getpeername_str(s, name, size) != 0) {
         (void)snprintf(name, size, "unknown");
     }
-    tavlen::store_relaxed(s->error, error);
 }
 
 } // namespace
@@ -596,12 +594,14 @@ int32_t clpacket_recv(clpacket *p, sock *s)
         uint32_t size = 0;
         void *buffer = sock_recv_packet_nolock(s, &size, &p->type);
         result = take_received(p, buffer, size) ? 0 : -1;
-        if (result != 0 && sock_socket_get_error(s) != 0) { // 0: the peer is gone
+        const int32_t error = sock_socket_get_error(s); // asking for the peer's name may change it
+        if (result != 0 && error != 0) {                // 0: the peer is gone
             char peer[128];
             char reason[tavlen::error_text_size];
             write_peer_name(s, peer, sizeof peer);
-            LPRINTF("ERROR: %s : receive error: %s", peer,
-                    sock_socket_strerror(s, reason, sizeof reason));
+            tavlen::store_relaxed(s->error, error);
+            tavlen::write_error_text(error, reason, sizeof reason);
+            LPRINTF("ERROR: %s : receive error: %s", peer, reason);
         }
     }
     sock_unlock_r(s);

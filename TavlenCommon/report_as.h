@@ -9,7 +9,7 @@
 
 #define LPRINTF_AS(function, slot, ...)                                                            \
     do {                                                                                           \
-        if (_lprintf_ratelimit(&(slot), __FILE__, __LINE__, function) == 0) {                      \
+        if (_lprintf_ratelimit(&(slot), __FILE__, __LINE__, (function)) == 0) {                    \
             char *lprintf_msg_ = _lprintf_fmt(__VA_ARGS__);                                        \
             (void)_lprintf(nullptr, __FILE__, __LINE__, function, lprintf_msg_, lprintf_msg_);     \
         }                                                                                          \

@@ -637,7 +637,8 @@ bool accept_into(sock *s, sock *listener)
     sockaddr_in6 peer{};
     socklen_t length = sizeof peer;
     const LockGuard lock(listener->sem_read);
-    s->fd = accept4(listener->fd, reinterpret_cast<sockaddr *>(&peer), &length, SOCK_CLOEXEC);
+    s->fd = accept4(descriptor_of(listener), reinterpret_cast<sockaddr *>(&peer), &length,
+                    SOCK_CLOEXEC);
     return keep_failure(s, s->fd) != no_descriptor;
 }
 
@@ -709,7 +710,8 @@ int32_t sock_sendto(sock *s, const void *data, size_t data_size, uint32_t type,
     const LockGuard lock(s->sem_write);
     tavlen::store_wire(datagram.get(), type);
     memcpy(datagram.get() + type_size, data, data_size);
-    if (sendto(s->fd, datagram.get(), size, 0, addr, addr_len) != static_cast<ssize_t>(size)) {
+    if (sendto(descriptor_of(s), datagram.get(), size, 0, addr, addr_len) !=
+        static_cast<ssize_t>(size)) {
         keep_error(s, errno);
         return -1;
     }
@@ -755,8 +757,8 @@ void *sock_recvfrom(sock *s, uint32_t *size, uint32_t *type, struct sockaddr *ad
     const bool wants_sender = addr != nullptr && addr_len != nullptr;
     const LockGuard lock(s->sem_read);
     const ssize_t received =
-        recvfrom(s->fd, datagram.get(), longest_datagram, 0, wants_sender ? addr : nullptr,
-                 wants_sender ? addr_len : nullptr);
+        recvfrom(descriptor_of(s), datagram.get(), longest_datagram, 0,
+                 wants_sender ? addr : nullptr, wants_sender ? addr_len : nullptr);
     if (received <= static_cast<ssize_t>(type_size)) {
         keep_error(s, received != 0 ? errno : 0);
         return nullptr;
@@ -851,9 +853,11 @@ int64_t sock_send_all(sock *s, const void *data, size_t data_size, int32_t flags
         const ssize_t sent =
             send(descriptor_of(s), bytes + done, data_size - done, flags | MSG_NOSIGNAL);
         if (sent <= 0) {
-            keep_error(s, errno);
+            const int error = errno;
+            keep_error(s, error); // which a receiver may change before the report is made
             char reason[tavlen::error_text_size];
-            LPRINTF("ERROR: unable to send: %s", sock_socket_strerror(s, reason, sizeof reason));
+            tavlen::write_error_text(error, reason, sizeof reason);
+            LPRINTF("ERROR: unable to send: %s", reason);
             return -1;
         }
         done += static_cast<size_t>(sent);

@@ -155,13 +155,16 @@ TAVLEN_API sock *sock_connect(const char *server, const char *port);
  */
 TAVLEN_API sock *sock_connect_fail_fast(const char *server, const char *port);
 
-/** Waits for a connection and gives it as a new socket. Holds the listener's `sem_read`. */
+/**
+ * Waits for a connection and gives it as a new socket. Holds the listener's `sem_read`, and leaves
+ * it usable after a failure, which is reported.
+ */
 TAVLEN_API sock *sock_accept(sock *listener);
 
-/** send(2), once. The bytes sent; -1. */
+/** send(2), once, with the signal that it raises when the peer is gone. The bytes sent; -1. */
 TAVLEN_API int64_t sock_send(sock *s, const void *data, size_t len, int32_t flags);
 
-/** recv(2), once. The bytes received, 0 at the end of the stream; -1. */
+/** recv(2), once. The bytes received (`error` then means nothing), 0 at the stream's end; -1. */
 TAVLEN_API int64_t sock_recv(sock *s, void *buf, uint32_t len, int32_t flags);
 
 /**
@@ -171,8 +174,9 @@ TAVLEN_API int64_t sock_recv(sock *s, void *buf, uint32_t len, int32_t flags);
 TAVLEN_API int64_t sock_send_all(sock *s, const void *data, size_t data_size, int32_t flags);
 
 /**
- * Fills the buffer. `data_size`; or -1, with `error` 0 when the peer has closed or reset the
- * connection. Only bad arguments are reported.
+ * Fills the buffer, waiting as long as it takes. `data_size`; or -1, with `error` 0 when the peer
+ * has closed or reset the connection or there is none. What had come stays in the buffer. Only bad
+ * arguments are reported.
  */
 TAVLEN_API int32_t sock_recv_all(sock *s, void *data, int32_t data_size, int32_t flags);
 

@@ -5,6 +5,9 @@
  */
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
 
 #include <TavlenCommon/com_packet.h>
 #include <TavlenCommon/logger.h>
@@ -22,9 +25,18 @@ static clpacket *make_answer(void)
     return clpacket_parallel_servers_list(&list);
 }
 
+/* Connections are served one after the other: one that stalls is given up after this time. */
+static void limit_waiting(sock *connection)
+{
+    const struct timeval patience = {2, 0};
+    sock_setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    sock_setsockopt(connection, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+}
+
 /* Receives one request on the connection and answers it. */
 static void serve(sock *connection)
 {
+    limit_waiting(connection);
     clpacket *request = clpacket_create();
     if (request != 0 && clpacket_recv(request, connection) == 0 &&
         clpacket_get_type(request) == REQUEST) {
@@ -51,13 +63,15 @@ int main(int argc, char **argv)
     }
     sock *listener = sock_listen(argv[1], argv[2]);
     if (listener == 0) {
+        logger_close();
         return 1;
     }
     LPRINTF("listening");
     while (connections_left != 0) {
         sock *connection = sock_accept(listener);
         if (connection == 0) {
-            break;
+            sleep(1); /* reported; the listener is as good as before */
+            continue;
         }
         serve(connection);
         sock_close(connection);

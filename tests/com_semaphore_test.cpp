@@ -98,16 +98,22 @@ TEST_F(Conditionals, CreatorHoldsTheMutexAndThreadsWakeIt)
 {
     com_conditional *c = com_conditional_init();
     EXPECT_EQ(pthread_mutex_trylock(&c->mutex), EBUSY);
+    const time_t before = time(nullptr);
     com_conditional_timedwait(c, 0);
     com_conditional_timedwait(c, INT32_MIN);
+    EXPECT_LE(time(nullptr), before + 1) << "returns at once";
     com_conditional_signal(c); // nobody waits: forgotten
     EXPECT_REPORTS();
-    std::thread signaller([c] {
+    bool signalled = false; // guarded by the mutex; a wait may end without a signal
+    std::thread signaller([c, &signalled] {
         pthread_mutex_lock(&c->mutex); // free only while the creator waits
+        signalled = true;
         com_conditional_signal(c);
         pthread_mutex_unlock(&c->mutex);
     });
-    com_conditional_wait(c);
+    while (!signalled) {
+        com_conditional_wait(c);
+    }
     signaller.join();
     EXPECT_REPORTS();
     close(c);

@@ -277,11 +277,13 @@ TEST(CollectorProcess, ExamplesReachIt)
 TEST(CollectorProcess, ListExamplesTalkOverAStream)
 {
     const std::string arguments = " " + address + " 27761";
-    Process server(TAVLEN_EXAMPLES "/list_server" + arguments + " 1");
+    Process server(TAVLEN_EXAMPLES "/list_server" + arguments + " 2");
     server.expect_output(" main: listening\n");
+    sock *stalled = sock_connect(address.c_str(), "27761"); // is given up, and the next one served
     Process client(TAVLEN_EXAMPLES "/list_client" + arguments);
     client.expect_output("192.0.2.1 27760\n192.0.2.2 27760\n");
     EXPECT_EQ(client.exit_status() + server.exit_status(), 0);
+    sock_close(stalled);
 }
 
 // In a mount namespace of its own the test takes the place of the system's syslog.

@@ -139,6 +139,11 @@ TEST_F(Streams, FailFastConnect)
     EXPECT_REPORTED(sock_connect_fail_fast("127.0.0.1", port.c_str()), nullptr,
                     "sock_connect_fail_fast: ERROR: unable to connect", "socket_close: WARNING: socket is closed");
     EXPECT_TRUE(fault.struck());
+    const int32_t keep_alive = 1;
+    int32_t value = 0;
+    socklen_t length = sizeof value;
+    EXPECT_EQ(getsockopt(fast->fd, SOL_SOCKET, SO_KEEPALIVE, &value, &length), 0);
+    EXPECT_EQ(value, keep_alive);
     listener = nullptr;
     EXPECT_REPORTED(sock_connect_fail_fast("127.0.0.1", port.c_str()), nullptr,
                     "sock_connect_fail_fast: connect to 127.0.0.1, port: " + port +
@@ -170,6 +175,14 @@ TEST_F(Streams, PacketsTravelAsFrames)
     EXPECT_EQ(got->buffer_size, 0U);
     EXPECT_EQ(pthread_mutex_trylock(&server->sem_read->mutex), 0) << "the lock is given back";
     pthread_mutex_unlock(&server->sem_read->mutex);
+    const Socket lonely = sock_socket(AF_INET, SOCK_DGRAM, 0); // whose peer has no name
+    sock_setsockopt(lonely, SOL_SOCKET, SO_RCVTIMEO, &soon, sizeof soon);
+    EXPECT_REPORTED(clpacket_recv(got, lonely), -1,
+                    "clpacket_recv: ERROR: unknown : receive error: Resource temporarily unavailable");
+    EXPECT_EQ(lonely->error, EAGAIN);
+    const Socket unconnected = sock_socket(AF_INET, SOCK_STREAM, 0);
+    EXPECT_REPORTED(clpacket_recv(got, unconnected), -1);
+    EXPECT_EQ(unconnected->error, 0);
     end_client(true);
     EXPECT_REPORTED(clpacket_recv(got, server), -1);
     EXPECT_EQ(server->error, 0);
@@ -179,11 +192,11 @@ TEST_F(Streams, PacketsTravelAsFrames)
 
 TEST_F(Streams, FramesOfThreadsNeverMix)
 {
-    constexpr int senders = 4, frames = 50;
+    constexpr int senders = 4, frames = 20, large = 300000; // larger than a socket takes at once
     std::vector<std::thread> threads;
     for (int t = 0; t < senders; ++t) {
         threads.emplace_back([this, t] {
-            const std::string payload(static_cast<size_t>(1000 + t), static_cast<char>('a' + t));
+            const std::string payload(static_cast<size_t>(large + t), static_cast<char>('a' + t));
             for (int i = 0; i < frames; ++i) {
                 EXPECT_EQ(sock_send_packet(client, payload.data(), payload.size(), static_cast<uint32_t>(t)),
                           static_cast<int64_t>(payload.size() + 8));
@@ -193,8 +206,9 @@ TEST_F(Streams, FramesOfThreadsNeverMix)
     for (int i = 0; i < senders * frames; ++i) {
         uint32_t size = 0, type = 0;
         void *payload = sock_recv_packet(server, &size, &type);
+        ASSERT_NE(payload, nullptr);
         EXPECT_EQ(std::string(static_cast<char *>(payload), size),
-                  std::string(1000 + type, static_cast<char>('a' + type)));
+                  std::string(large + type, static_cast<char>('a' + type)));
         free(payload);
     }
     for (std::thread &thread : threads) {
