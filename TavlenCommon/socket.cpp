@@ -720,6 +720,26 @@ int32_t sock_sendto(sock *s, const void *data, size_t data_size, uint32_t type,
 
 namespace {
 
+struct ReceiveReports {
+    ratelimit_slot no_sock, no_size, no_type;
+};
+
+/// The checks that the receives of a whole payload share.
+bool has_outputs(const char *function, ReceiveReports *reports, const sock *s, const uint32_t *size,
+                 const uint32_t *type)
+{
+    if (s == nullptr) {
+        LPRINTF_AS(function, reports->no_sock, "ERROR: sock is NULL");
+    } else if (size == nullptr) {
+        LPRINTF_AS(function, reports->no_size, "ERROR: size is NULL");
+    } else if (type == nullptr) {
+        LPRINTF_AS(function, reports->no_type, "ERROR: type is NULL");
+    } else {
+        return true;
+    }
+    return false;
+}
+
 /// The payload moved to the block's start and the block cut to it; null when it cannot be cut.
 owned<uint8_t> keep_payload(owned<uint8_t> datagram, size_t payload_size)
 {
@@ -737,16 +757,8 @@ owned<uint8_t> keep_payload(owned<uint8_t> datagram, size_t payload_size)
 void *sock_recvfrom(sock *s, uint32_t *size, uint32_t *type, struct sockaddr *addr,
                     socklen_t *addr_len)
 {
-    if (s == nullptr) {
-        LPRINTF("ERROR: sock is NULL");
-        return nullptr;
-    }
-    if (size == nullptr) {
-        LPRINTF("ERROR: size is NULL");
-        return nullptr;
-    }
-    if (type == nullptr) {
-        LPRINTF("ERROR: type is NULL");
+    static ReceiveReports reports;
+    if (!has_outputs(__func__, &reports, s, size, type)) {
         return nullptr;
     }
     auto datagram = tavlen::allocate_bytes<uint8_t>(receive_buffer_size);
@@ -920,16 +932,8 @@ int64_t sock_send_packet(sock *s, const void *data, size_t data_size, uint32_t t
 
 void *sock_recv_packet_nolock(sock *s, uint32_t *size, uint32_t *type)
 {
-    if (s == nullptr) {
-        LPRINTF("ERROR: sock is NULL");
-        return nullptr;
-    }
-    if (size == nullptr) {
-        LPRINTF("ERROR: size is NULL");
-        return nullptr;
-    }
-    if (type == nullptr) {
-        LPRINTF("ERROR: type is NULL");
+    static ReceiveReports reports;
+    if (!has_outputs(__func__, &reports, s, size, type)) {
         return nullptr;
     }
     uint8_t head[frame_head_size];

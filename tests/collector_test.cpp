@@ -39,6 +39,7 @@ TEST_F(Collector, SettingsWithoutMemoryAreNotPublished)
         const bool struck = fault.struck();
         EXPECT_EQ(config_e != nullptr, result == 0);
         EXPECT_TRUE(struck || (result == 0 && config_init() == -1)) << "set once";
+        EXPECT_TRUE(struck || strcmp(config_get_settings()->ListenAddr, "0.0.0.0") == 0);
         free(config_e);
         config_e = nullptr;
         logger_settings *all = config_get_settings();

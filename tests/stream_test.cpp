@@ -218,23 +218,30 @@ TEST_F(Streams, FramesOfThreadsNeverMix)
 
 TEST_F(Streams, DisconnectFreesThreadsInReceiveAndAccept)
 {
-    const auto until_blocked = [](sock *s) {
-        while (pthread_mutex_trylock(&s->sem_read->mutex) == 0) {
+    const auto expect_blocked = [](sock *s) {
+        int tries = 50000;
+        while (pthread_mutex_trylock(&s->sem_read->mutex) == 0 && --tries > 0) {
             pthread_mutex_unlock(&s->sem_read->mutex);
             usleep(100);
         }
+        EXPECT_GT(tries, 0) << "waits without the lock";
     };
     const Packet got = clpacket_create();
     std::thread receiver([&] { EXPECT_EQ(clpacket_recv(got, server), -1); });
+    std::thread frame_receiver([&] {
+        uint32_t size = 0, type = 0;
+        EXPECT_EQ(sock_recv_packet(client, &size, &type), nullptr);
+    });
     std::thread acceptor([&] { EXPECT_EQ(sock_accept(listener), nullptr); });
-    until_blocked(server);
-    until_blocked(listener);
-    sock_disconnect(server);
-    sock_disconnect(listener);
+    for (sock *s : {server.get(), client.get(), listener.get()}) {
+        expect_blocked(s);
+    }
+    for (sock *s : {client.get(), server.get(), listener.get()}) {
+        sock_disconnect(s);
+    }
     receiver.join();
+    frame_receiver.join();
     acceptor.join();
-    server = nullptr;
-    listener = nullptr;
     take_reports(); // which of them waited already when the descriptor went is not certain
 }
 
