@@ -21,11 +21,24 @@ void store_relaxed(T &field, std::type_identity_t<T> value)
     __atomic_store_n(&field, value, __ATOMIC_RELAXED);
 }
 
+template <class T>
+void add_relaxed(T &field, std::type_identity_t<T> value)
+{
+    (void)__atomic_fetch_add(&field, value, __ATOMIC_RELAXED);
+}
+
 /// Takes the value and leaves another in its place, at once.
 template <class T>
 T exchange_relaxed(T &field, std::type_identity_t<T> value)
 {
     return __atomic_exchange_n(&field, value, __ATOMIC_RELAXED);
+}
+
+/// The same, for a pointer that hands over what it points to.
+template <class T>
+T exchange(T &field, std::type_identity_t<T> value)
+{
+    return __atomic_exchange_n(&field, value, __ATOMIC_ACQ_REL);
 }
 
 /// Sees, with the value, what its writer had written before publish().

@@ -19,11 +19,13 @@ namespace {
 
 constexpr int32_t root_name = 1;
 
-void drop_buffer(clpacket *p)
+[[gnu::always_inline]] inline void drop_buffer(clpacket *p)
 {
-    free(p->buffer);
-    p->buffer = nullptr;
-    p->buffer_size = 0;
+    if (p->buffer != nullptr) {
+        free(p->buffer);
+        p->buffer = nullptr;
+        p->buffer_size = 0;
+    }
 }
 
 /// Lets the fields go: owned ones are freed, borrowed ones stay with their owner.
@@ -41,11 +43,13 @@ void drop_structure(clpacket *p)
 
 clpacket *clpacket_create(void)
 {
-    auto *p = static_cast<clpacket *>(calloc(1, sizeof(clpacket)));
+    auto p = tavlen::allocate<clpacket>();
     if (p == nullptr) {
         LPRINTF("ERROR: low memory");
+        return nullptr;
     }
-    return p;
+    *p = clpacket{};
+    return p.release();
 }
 
 void clpacket_destroy(clpacket *p)
@@ -240,6 +244,22 @@ int32_t check_clpacket_structr_set(clpacket *p)
     return p->error_state;
 }
 
+inline bool has_fields(const clpacket *p)
+{
+    return p != nullptr && p->structr != nullptr && p->error_state == MTB_OK;
+}
+
+/// Most reads and writes find a packet that needs no readying.
+[[gnu::always_inline]] inline bool is_readable(clpacket *p, const void *val)
+{
+    return (has_fields(p) && val != nullptr) || check_clpacket_structr_get(p, val) == MTB_OK;
+}
+
+[[gnu::always_inline]] inline bool is_writable(clpacket *p)
+{
+    return has_fields(p) || check_clpacket_structr_set(p) == MTB_OK;
+}
+
 /// Readies a value packet for being nested in `p`.
 int32_t check_complex_val(const clpacket *p, clpacket *val)
 {
@@ -283,7 +303,7 @@ int32_t keep_added(clpacket *p, int32_t result)
 #define DEFINE_SETTER(suffix, ctype, code, member)                                                 \
     int32_t clpacket_set_##suffix(clpacket *p, int32_t name, ctype value, Lookup lookup)           \
     {                                                                                              \
-        if (check_clpacket_structr_set(p) != MTB_OK) {                                             \
+        if (!is_writable(p)) {                                                                     \
             return -1;                                                                             \
         }                                                                                          \
         return keep_added(p, mtb_add_##suffix(name, value, p->structr, lookup));                   \
@@ -298,7 +318,7 @@ TAVLEN_SCALAR_TYPES(DEFINE_SETTER)
 #define DEFINE_GETTER(suffix, ctype, code, member)                                                 \
     int32_t clpacket_get_##suffix(clpacket *p, int32_t name, ctype *val)                           \
     {                                                                                              \
-        if (check_clpacket_structr_get(p, val) != MTB_OK) {                                        \
+        if (!is_readable(p, val)) {                                                                \
             return -1;                                                                             \
         }                                                                                          \
         return p->error_state = mtb_get_##suffix(name, val, p->structr);                           \
@@ -308,7 +328,7 @@ TAVLEN_SCALAR_TYPES(DEFINE_GETTER)
 
 int32_t clpacket_set_blob(clpacket *p, int32_t name, const void *data, uint32_t len, Lookup lookup)
 {
-    if (check_clpacket_structr_set(p) != MTB_OK) {
+    if (!is_writable(p)) {
         return -1;
     }
     return keep_added(p, mtb_add_blob(name, data, static_cast<int32_t>(len), p->structr, lookup));
@@ -321,7 +341,7 @@ int32_t clpacket_set_blob(clpacket *p, int32_t name, const void *data, uint32_t 
 
 int32_t clpacket_set_string(clpacket *p, int32_t name, const char *text, int32_t len, Lookup lookup)
 {
-    if (check_clpacket_structr_set(p) != MTB_OK) {
+    if (!is_writable(p)) {
         return -1;
     }
     if (len < 0 || text == nullptr) {
@@ -340,7 +360,7 @@ int32_t clpacket_set_string(clpacket *p, int32_t name, const char *text, int32_t
 int32_t clpacket_set_array(clpacket *p, int32_t name, const void *values, uint32_t count,
                            uint8_t type)
 {
-    if (check_clpacket_structr_set(p) != MTB_OK) {
+    if (!is_writable(p)) {
         return -1;
     }
     if (values == nullptr) {
@@ -354,7 +374,7 @@ int32_t clpacket_set_array(clpacket *p, int32_t name, const void *values, uint32
 
 int32_t clpacket_get_string(clpacket *p, int32_t name, char **text, uint32_t *len)
 {
-    if (check_clpacket_structr_get(p, text) != MTB_OK) {
+    if (!is_readable(p, text)) {
         return -1;
     }
     if (len == nullptr) {
@@ -367,7 +387,7 @@ int32_t clpacket_get_string(clpacket *p, int32_t name, char **text, uint32_t *le
 
 int32_t clpacket_get_blob(clpacket *p, int32_t name, void **data, uint32_t *len)
 {
-    if (check_clpacket_structr_get(p, data) != MTB_OK) {
+    if (!is_readable(p, data)) {
         return -1;
     }
     if (len == nullptr) {
@@ -380,7 +400,7 @@ int32_t clpacket_get_blob(clpacket *p, int32_t name, void **data, uint32_t *len)
 
 int32_t clpacket_get_array(clpacket *p, int32_t name, void **values, uint32_t *count, uint8_t type)
 {
-    if (check_clpacket_structr_get(p, values) != MTB_OK) {
+    if (!is_readable(p, values)) {
         return -1;
     }
     if (count == nullptr) {
@@ -394,7 +414,7 @@ int32_t clpacket_get_array(clpacket *p, int32_t name, void **values, uint32_t *c
 
 int32_t clpacket_get_array_len(clpacket *p, int32_t name, uint32_t *count, uint8_t type)
 {
-    if (check_clpacket_structr_get(p, count) != MTB_OK) {
+    if (!is_readable(p, count)) {
         return -1;
     }
     return p->error_state = mtb_get_array_len(name, count, type, p->structr);
@@ -402,7 +422,7 @@ int32_t clpacket_get_array_len(clpacket *p, int32_t name, uint32_t *count, uint8
 
 int32_t clpacket_get_array_el(clpacket *p, int32_t name, void **val, uint32_t index, uint8_t type)
 {
-    if (check_clpacket_structr_get(p, val) != MTB_OK) {
+    if (!is_readable(p, val)) {
         return -1;
     }
     const auto position = static_cast<int32_t>(index);
@@ -413,8 +433,8 @@ namespace {
 
 int32_t has_element(clpacket *p, int32_t name, uint8_t type)
 {
-    const bool readable = check_clpacket_structr_get(p, &name) == MTB_OK; // no value is asked for
-    return readable ? mtb_element_exists(name, type, p->structr) : -1;
+    // No value is asked for.
+    return is_readable(p, &name) ? mtb_element_exists(name, type, p->structr) : -1;
 }
 
 } // namespace
@@ -437,7 +457,7 @@ namespace {
 int32_t nest(clpacket *p, int32_t name, clpacket *val,
              int32_t (*add)(int32_t name, mtb_struct *child, mtb_struct *structr))
 {
-    if (check_clpacket_structr_set(p) != MTB_OK) {
+    if (!is_writable(p)) {
         return -1;
     }
     p->error_state = check_complex_val(p, val);
@@ -474,7 +494,7 @@ int32_t clpacket_add_array_el_complex(clpacket *p, int32_t name, clpacket *val)
 int32_t clpacket_get_complex(clpacket *p, int32_t name, clpacket *val)
 {
     // A packet cannot be its own view: refused as a null one is.
-    if (check_clpacket_structr_get(p, val != p ? val : nullptr) != MTB_OK) {
+    if (!is_readable(p, val != p ? val : nullptr)) {
         return -1;
     }
     mtb_struct *structr = nullptr;

@@ -1,4 +1,5 @@
 #include <TavlenCommon/com_semaphore.h>
+#include <TavlenCommon/com_semaphore_internal.h>
 
 #include <cerrno>
 #include <sys/time.h>
@@ -6,6 +7,7 @@
 
 #include <TavlenCommon/logger.h>
 #include <TavlenCommon/owned.h>
+#include <TavlenCommon/report_as.h>
 
 namespace {
 
@@ -35,6 +37,29 @@ int init_semaphore(sem_t *sem, uint32_t value)
 }
 
 } // namespace
+
+void tavlen::insist_on_lock(com_semaphore *s, uint32_t type, int result)
+{
+    static ratelimit_slot not_locked;
+    while (result != 0) {
+        const int error = errno;
+        if (!is_worth_a_retry(type, result, error)) {
+            LPRINTF_AS("com_semaphore_lock_ex", not_locked,
+                       "ERROR: unable to lock semaphore %d %d %d", result, error,
+                       static_cast<int>(type));
+            return;
+        }
+        sleep(retry_delay_seconds);
+        type = s->type;
+        result = lock_once(s, type);
+    }
+}
+
+void tavlen::report_not_unlocked()
+{
+    static ratelimit_slot not_unlocked;
+    LPRINTF_AS("com_semaphore_unlock_ex", not_unlocked, "ERROR: unable to unlock mutex");
+}
 
 com_semaphore *com_semaphore_init(void)
 {
@@ -76,22 +101,14 @@ void com_semaphore_lock_ex(int quiet, com_semaphore *s)
         }
         return;
     }
-    uint32_t type = s->type;
+    const uint32_t type = s->type;
     if (!is_known_type(type)) {
         LPRINTF("ERROR: unknown type of semaphore: %d", static_cast<int>(type));
         return;
     }
-    int result = lock_once(s, type);
-    while (result != 0) {
-        const int error = errno;
-        if (!is_worth_a_retry(type, result, error)) {
-            LPRINTF("ERROR: unable to lock semaphore %d %d %d", result, error,
-                    static_cast<int>(type));
-            return;
-        }
-        sleep(retry_delay_seconds);
-        type = s->type;
-        result = lock_once(s, type);
+    const int result = lock_once(s, type);
+    if (result != 0) [[unlikely]] {
+        tavlen::insist_on_lock(s, type, result);
     }
 }
 
@@ -109,8 +126,8 @@ void com_semaphore_unlock_ex(int quiet, com_semaphore *s)
     }
     const int result =
         s->type == COM_SEMAPHORE_COUNTING ? sem_post(s->sem) : pthread_mutex_unlock(&s->mutex);
-    if (result != 0) {
-        LPRINTF("ERROR: unable to unlock mutex");
+    if (result != 0) [[unlikely]] {
+        tavlen::report_not_unlocked();
     }
 }
 

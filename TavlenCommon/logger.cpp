@@ -3,34 +3,42 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
+#include <iterator>
 #include <limits>
+#include <string_view>
 #include <syslog.h>
+#include <type_traits>
+#include <unistd.h>
 
 #include <TavlenCommon/atomic_field.h>
 #include <TavlenCommon/com_packet.h>
-#include <TavlenCommon/com_semaphore.h>
+#include <TavlenCommon/com_semaphore_internal.h>
 #include <TavlenCommon/error_text.h>
 #include <TavlenCommon/owned.h>
 #include <TavlenCommon/socket.h>
 
+using namespace std::string_view_literals;
 using tavlen::load_relaxed;
 using tavlen::store_relaxed;
 
 namespace {
 
 constexpr size_t line_size = 4096; // of a line and of a message, with the terminator
+constexpr size_t longest_line = line_size - 1;
 constexpr uint32_t highest_mask = 31;
 constexpr char not_open_warning[] = "WARNING: logger not initialized, logging to stderr:";
 
 int32_t log_initialized = 0; // publishes log_lock
 com_semaphore *log_lock = nullptr;
 uint32_t log_dest = LOG_DEST_STDOUT; // written under log_lock, read relaxed by get_log_dest
-FILE *log_file = nullptr;
+int log_file = -1;                   // descriptor
 sock *log_remote_sock = nullptr;
 char *log_name = nullptr;
 // As last given to set_log_dest: the caller's texts, not read once that has returned.
@@ -45,9 +53,10 @@ int64_t log_rl_interval = 0; // relaxed, seconds
 /**
  * Says that this thread is inside the library. A report raised then (by the lock, the packet layer
  * or the socket layer on the way to the collector) must not wait for the lock that this thread
- * holds: it passes the limiter and goes straight to standard error.
+ * holds: it passes the limiter and goes straight to standard error. Every record asks it several
+ * times, so it lives where no call is needed to find it; for one byte there is always room there.
  */
-constinit thread_local bool inside_library = false;
+constinit thread_local bool inside_library [[gnu::tls_model("initial-exec")]] = false;
 
 class InsideMark {
 public:
@@ -63,8 +72,8 @@ private:
 /// Holds log_lock. The mark goes up before the lock is asked for and comes down after the unlock.
 class LogLock {
 public:
-    LogLock() { com_semaphore_lock(log_lock); }
-    ~LogLock() { com_semaphore_unlock(log_lock); }
+    LogLock() { tavlen::lock_mutex(log_lock); }
+    ~LogLock() { tavlen::unlock_mutex(log_lock); }
     LogLock(const LogLock &) = delete;
     LogLock &operator=(const LogLock &) = delete;
 
@@ -128,6 +137,18 @@ void write_and_flush(FILE *stream, const char *text, size_t length)
     (void)fflush(stream);
 }
 
+/// In one write, unless the system cuts it. What it refuses is lost, and does not come up later.
+void write_to_file(int fd, const char *text, size_t length)
+{
+    for (size_t done = 0; done < length;) {
+        const ssize_t written = write(fd, text + done, length - done);
+        if (written < 0 && errno != EINTR) {
+            return;
+        }
+        done += written > 0 ? static_cast<size_t>(written) : 0;
+    }
+}
+
 } // namespace
 
 char *_lprintf_fmt(const char *format, ...)
@@ -158,28 +179,63 @@ int32_t _lprintf_stderr(const char *file, int32_t line, const char *func, const 
 
 namespace {
 
-/// Composes a record into log_line; gives what snprintf gave: the length of the uncut line.
-int32_t compose_line(const char *name, const char *file, int32_t line, const char *func,
-                     const char *message)
+/// The seconds since the epoch as text. Most records come in the same second as the last one.
+std::string_view now_text()
 {
-    if (file == nullptr && line == 0 && func == nullptr) {
-        return snprintf(log_line, sizeof log_line, "%s: %s\n", printable(name), printable(message));
+    static unsigned long long second = 0; // log_lock guards all three
+    static char digits[std::numeric_limits<unsigned long long>::digits10 + 1] = "0";
+    static size_t length = 1;
+    const unsigned long long now = now_seconds();
+    if (now != second) [[unlikely]] {
+        second = now;
+        length = static_cast<size_t>(std::to_chars(digits, std::end(digits), now).ptr - digits);
     }
-    if (name != nullptr) {
-        return snprintf(log_line, sizeof log_line, "%s:%llu:%s:%d: %s: %s\n", name, now_seconds(),
-                        base_name(file), line, printable(func), printable(message));
-    }
-    return snprintf(log_line, sizeof log_line, "%llu:%s:%d: %s: %s\n", now_seconds(),
-                    base_name(file), line, printable(func), printable(message));
+    return {digits, length};
 }
 
-/// What of a line is in the buffer: all, what fits, or what was there when composing failed.
-int32_t composed_length(int32_t whole_length)
+char *append(char *end, std::string_view text)
 {
-    constexpr int32_t longest = static_cast<int32_t>(line_size) - 1;
-    log_line[longest] = '\0';
-    return whole_length >= 0 ? std::min(whole_length, longest)
-                             : static_cast<int32_t>(strlen(log_line));
+    memcpy(end, text.data(), text.size());
+    return end + text.size();
+}
+
+/// Puts the parts into log_line, one behind the other, as far as they fit; gives the length of the
+/// whole.
+template <class... Part>
+size_t compose(Part... parts)
+{
+    const size_t whole = (parts.size() + ...);
+    char *end = log_line;
+    if (whole <= longest_line) [[likely]] {
+        ((end = append(end, parts)), ...);
+    } else {
+        char *const last = log_line + longest_line;
+        ((end = append(end, parts.substr(0, static_cast<size_t>(last - end)))), ...);
+    }
+    *end = '\0';
+    return whole;
+}
+
+/// Composes a record into log_line; gives the length of the whole line.
+size_t compose_record(const char *name, const char *file, int32_t line, const char *func,
+                      const char *message)
+{
+    const std::string_view text = printable(message);
+    if (file == nullptr && line == 0 && func == nullptr) {
+        return compose(std::string_view(printable(name)), ": "sv, text, "\n"sv);
+    }
+    char number[std::numeric_limits<int32_t>::digits10 + 2] = {}; // one more, and a sign
+    const char *number_end = std::to_chars(number, std::end(number), line).ptr;
+    const std::string_view lead = name != nullptr ? name : "";
+    return compose(lead, name != nullptr ? ":"sv : ""sv, now_text(), ":"sv,
+                   std::string_view(base_name(file)), ":"sv, std::string_view(number, number_end),
+                   ": "sv, std::string_view(printable(func)), ": "sv, text, "\n"sv);
+}
+
+/// As callers are told it: -1 when it is more than the number can say.
+int32_t told_length(size_t whole)
+{
+    return whole <= std::numeric_limits<int32_t>::max() ? static_cast<int32_t>(whole) : -1;
 }
 
 } // namespace
@@ -196,14 +252,14 @@ int32_t _lprintf(const char *name, const char *file, int32_t line, const char *f
         (void)_lprintf_stderr(file, line, func, message, to_free);
         return -1;
     }
-    int32_t whole_length = 0;
+    size_t whole = 0;
     {
         const LogLock lock;
-        whole_length = compose_line(name, file, line, func, message);
-        log_msg_dest(log_line, composed_length(whole_length));
+        whole = compose_record(name, file, line, func, message);
+        log_msg_dest(log_line, static_cast<int32_t>(std::min(whole, longest_line)));
     }
     free(to_free);
-    return whole_length;
+    return told_length(whole);
 }
 
 int32_t _lprintf_raw(const char *text, int32_t len)
@@ -238,8 +294,8 @@ void log_msg_dest(const char *text, int32_t length)
     if ((log_dest & LOG_DEST_SYSLOG) != 0) {
         syslog(LOG_DEBUG, "%s", text);
     }
-    if ((log_dest & LOG_DEST_FILE) != 0 && log_file != nullptr) {
-        write_and_flush(log_file, text, bytes);
+    if ((log_dest & LOG_DEST_FILE) != 0 && log_file != -1) {
+        write_to_file(log_file, text, bytes);
     }
     if ((log_dest & LOG_DEST_REMOTE) != 0 && log_remote_sock != nullptr) {
         log_msg_dest_remote(text, static_cast<int32_t>(bytes));
@@ -275,9 +331,9 @@ void open_syslog_once()
 
 void close_log_file()
 {
-    if (log_file != nullptr) {
-        (void)fclose(log_file);
-        log_file = nullptr;
+    if (log_file != -1) {
+        (void)close(log_file);
+        log_file = -1;
     }
 }
 
@@ -322,8 +378,9 @@ void setup_file_log_dest(const char *file_name)
         REPORT_TO_STDERR("file logging disabled: NULL file name ignored");
         return;
     }
-    log_file = fopen(file_name, "ae");
-    if (log_file == nullptr) {
+    constexpr mode_t all_may = 0666; // what the umask leaves of it
+    log_file = open(file_name, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, all_may);
+    if (log_file == -1) {
         char reason[tavlen::error_text_size];
         tavlen::write_error_text(errno, reason, sizeof reason);
         REPORT_TO_STDERR("file logging disabled: log file (%s) not opened: %s", file_name, reason);
@@ -429,55 +486,86 @@ void logger_close(void)
 
 namespace {
 
+bool is_limited()
+{
+    return load_relaxed(log_rl_max) >= 1 && load_relaxed(log_rl_interval) >= 1;
+}
+
+bool is_over(const ratelimit_slot *slot, int64_t now)
+{
+    return now - load_relaxed(log_rl_interval) > load_relaxed(slot->period_start);
+}
+
+bool is_used_up(const ratelimit_slot *slot)
+{
+    return load_relaxed(slot->count) >= load_relaxed(log_rl_max);
+}
+
+void count_refusal(ratelimit_slot *slot)
+{
+    if (load_relaxed(slot->suppressed) != std::numeric_limits<int32_t>::max()) {
+        tavlen::add_relaxed(slot->suppressed, 1);
+    }
+}
+
 struct Verdict {
     int32_t result;  // 0 write, -1 refuse
     int32_t carried; // refusals of a period that has just ended
 };
 
-Verdict count_record(ratelimit_slot *slot, int64_t now, int32_t max, int64_t interval)
+/// With log_lock held. Refusals that are counted without it meanwhile go to one period or the next.
+Verdict count_record(ratelimit_slot *slot, int64_t now)
 {
     Verdict verdict{};
     if (slot->period_start == 0) {
-        slot->period_start = now;
+        store_relaxed(slot->period_start, now);
     }
-    if (now - interval > slot->period_start) {
-        verdict.carried = slot->suppressed;
-        *slot = {now, 0, 0};
+    if (is_over(slot, now)) {
+        verdict.carried = tavlen::exchange_relaxed(slot->suppressed, 0);
+        store_relaxed(slot->count, 0);
+        store_relaxed(slot->period_start, now);
     }
-    if (slot->count < max) {
-        ++slot->count;
-        return verdict;
+    if (is_used_up(slot)) {
+        count_refusal(slot);
+        verdict.result = -1;
+    } else {
+        store_relaxed(slot->count, slot->count + 1);
     }
-    if (slot->suppressed < std::numeric_limits<int32_t>::max()) {
-        ++slot->suppressed;
-    }
-    verdict.result = -1;
     return verdict;
+}
+
+/// Under the name that its caller reports by.
+[[gnu::noinline]] void report_suppressed(int32_t count, const char *file, int32_t line,
+                                         const char *func)
+{
+    char *message = _lprintf_fmt("WARNING: %d messages suppressed", count);
+    if (message == nullptr) {
+        report_to_stderr(__LINE__, "_lprintf_ratelimit", "ERROR: low memory");
+        return;
+    }
+    (void)_lprintf(nullptr, file, line, func, message, message);
 }
 
 } // namespace
 
 int32_t _lprintf_ratelimit(ratelimit_slot *slot, const char *file, int32_t line, const char *func)
 {
-    const int32_t max = load_relaxed(log_rl_max);
-    const int64_t interval = load_relaxed(log_rl_interval);
-    if (max < 1 || interval < 1 || slot == nullptr || inside_library || !is_open()) {
+    if (!is_limited() || slot == nullptr || inside_library || !is_open()) {
         return 0;
     }
-    const ErrnoKeeper errno_keeper;
-    const int64_t now = time(nullptr);
+    const int64_t now = time(nullptr); // leaves errno alone, as the lock does
+    // A site that is at its limit need not wait for a lock, which is held while a line is written.
+    if (is_used_up(slot) && !is_over(slot, now)) {
+        count_refusal(slot);
+        return -1;
+    }
     Verdict verdict{};
     {
         const LogLock lock;
-        verdict = count_record(slot, now, max, interval);
+        verdict = count_record(slot, now);
     }
-    if (verdict.carried > 0) {
-        char *message = _lprintf_fmt("WARNING: %d messages suppressed", verdict.carried);
-        if (message == nullptr) {
-            REPORT_TO_STDERR("ERROR: low memory");
-            return verdict.result;
-        }
-        (void)_lprintf(nullptr, file, line, func, message, message);
+    if (verdict.carried > 0) [[unlikely]] {
+        report_suppressed(verdict.carried, file, line, func);
     }
     return verdict.result;
 }

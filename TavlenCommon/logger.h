@@ -43,7 +43,8 @@ enum {
     LOG_DEST_REMOTE = 16 /**< one datagram per line to a collector, sent once, never waited for */
 };
 
-/** Limiter state of one call site; starts as zeros. The library's lock guards it. */
+/** Limiter state of one call site; starts as zeros. For the library alone, which reads it and
+ * counts refusals without its lock. */
 typedef struct ratelimit_slot {
     int64_t period_start; /**< seconds since the epoch; 0: no period yet */
     int32_t count;        /**< records let through in this period */

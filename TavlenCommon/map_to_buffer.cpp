@@ -11,11 +11,31 @@
 
 #include <TavlenCommon/logger.h>
 #include <TavlenCommon/owned.h>
+#include <TavlenCommon/report_as.h>
+#include <TavlenCommon/reserve.h>
 #include <TavlenCommon/scalar_types.h>
 #include <TavlenCommon/wire_order.h>
 
 using tavlen::Lookup;
 using tavlen::owned;
+using tavlen::release_record;
+
+namespace {
+
+/// A text as short as most names; malloc has no smaller block.
+struct ShortText {
+    char text[24];
+};
+
+} // namespace
+
+/// Enough for a list of a hundred structures.
+template <>
+constexpr uint32_t tavlen::most_kept<mtb_element> = 512;
+template <>
+constexpr uint32_t tavlen::most_kept<mtb_chain> = 128;
+template <>
+constexpr uint32_t tavlen::most_kept<ShortText> = 128;
 
 // ---------------------------------------------------------------------------------------- types
 
@@ -153,11 +173,15 @@ mtb_element *chain_find(mtb_chain *c, int (*match)(const mtb_element *, const vo
 
 namespace {
 
-owned<mtb_element> new_element(uint16_t name, uint8_t type, int32_t len)
+/// An element that is not linked yet, its links unset. Asked for when everything else that it needs
+/// is there, as it has no owner until then. Null without memory.
+inline mtb_element *new_element(uint16_t name, uint8_t type, int32_t len)
 {
-    auto e = tavlen::allocate<mtb_element>();
-    if (e != nullptr) {
-        *e = mtb_element{nullptr, nullptr, name, type, len, {}};
+    mtb_element *e = tavlen::take_record<mtb_element>().release();
+    if (e != nullptr) [[likely]] {
+        e->name = name;
+        e->type = type;
+        e->len = len;
         e->value.u64 = 0; // all of the slot: an empty block's pointer is null
     }
     return e;
@@ -180,14 +204,16 @@ using owned_struct = std::unique_ptr<mtb_struct, DestroyWhole>;
 /// An element with an empty chain of its own.
 owned_struct new_chained_element(uint16_t name, uint8_t type)
 {
-    auto e = new_element(name, type, 0);
-    auto chain = tavlen::allocate<mtb_chain>();
-    if (e == nullptr || chain == nullptr) {
+    auto chain = tavlen::take_record<mtb_chain>();
+    mtb_element *e = chain != nullptr ? new_element(name, type, 0) : nullptr;
+    if (e == nullptr) {
         return nullptr;
     }
     chain_init(chain.get());
+    e->next = nullptr;
+    e->prev = nullptr;
     e->buffer = chain.release();
-    return owned_struct(e.release());
+    return owned_struct(e);
 }
 
 /// A received `len` may be as large as its type holds.
@@ -202,9 +228,10 @@ void link_element(mtb_struct *structr, mtb_element *e)
     chain_append(structr->buffer, e);
 }
 
-mtb_element *find_head(mtb_chain *chain, uint16_t name, uint8_t type)
+/// The first element of that name and type; inlined, as it is on the way of every field.
+[[gnu::always_inline]] inline mtb_element *find_head(mtb_chain *chain, uint16_t name, uint8_t type)
 {
-    if (chain == nullptr) {
+    if (chain == nullptr) [[unlikely]] {
         LPRINTF("ERROR: invalid argument 'buffer'");
         return nullptr;
     }
@@ -215,13 +242,15 @@ mtb_element *find_head(mtb_chain *chain, uint16_t name, uint8_t type)
     return e;
 }
 
-mtb_element *find_element(mtb_struct *structr, int32_t name, uint8_t type)
+[[gnu::always_inline]] inline mtb_element *find_element(mtb_struct *structr, int32_t name,
+                                                        uint8_t type)
 {
     return find_head(structr != nullptr ? structr->buffer : nullptr, cut_name(name), type);
 }
 
 /// The element that an adder replaces, if any.
-mtb_element *find_present(mtb_struct *structr, int32_t name, uint8_t type, Lookup lookup)
+[[gnu::always_inline]] inline mtb_element *find_present(mtb_struct *structr, int32_t name,
+                                                        uint8_t type, Lookup lookup)
 {
     return lookup == Lookup::needed ? find_element(structr, name, type) : nullptr;
 }
@@ -243,11 +272,12 @@ void mtb_struct_destroy(mtb_struct *structr)
         LPRINTF("ERROR: NULL pointer: structr");
         return;
     }
-    if (structr->buffer == nullptr) {
+    if (structr->buffer != nullptr) {
+        release_record(structr->buffer);
+    } else {
         LPRINTF("ERROR: NULL pointer: structr->buffer");
     }
-    free(structr->buffer);
-    free(structr);
+    release_record(structr);
 }
 
 int32_t mtb_element_exists(int32_t name, uint8_t type, mtb_struct *structr)
@@ -259,7 +289,8 @@ int32_t mtb_element_exists(int32_t name, uint8_t type, mtb_struct *structr)
 
 namespace {
 
-int32_t add_scalar(int32_t name, uint8_t type, mtb_value value, mtb_struct *structr, Lookup lookup)
+[[gnu::always_inline]] inline int32_t add_scalar(int32_t name, uint8_t type, mtb_value value,
+                                                 mtb_struct *structr, Lookup lookup)
 {
     if (is_missing(structr)) {
         return MTB_BAD_ARG;
@@ -268,12 +299,12 @@ int32_t add_scalar(int32_t name, uint8_t type, mtb_value value, mtb_struct *stru
         present->value = value;
         return MTB_OK;
     }
-    auto e = new_element(cut_name(name), type, 0);
+    mtb_element *e = new_element(cut_name(name), type, 0);
     if (e == nullptr) {
         return MTB_NOMEM;
     }
     e->value = value;
-    link_element(structr, e.release());
+    link_element(structr, e);
     return MTB_OK;
 }
 
@@ -312,11 +343,27 @@ owned<void> copy_bytes(const void *bytes, size_t size)
     return copy;
 }
 
+/// An uninitialised block of that many bytes, at least one.
+owned<char> take_text(size_t size)
+{
+    if (size > sizeof(ShortText)) {
+        return tavlen::allocate_bytes<char>(size);
+    }
+    return owned<char>(reinterpret_cast<char *>(tavlen::take_record<ShortText>().release()));
+}
+
+void release_text(char *text)
+{
+    if (text != nullptr) {
+        tavlen::release_block<ShortText>(text);
+    }
+}
+
 /// A copy of `len` bytes with a terminating zero behind them; null without memory.
 owned<char> copy_text(const void *bytes, int32_t len)
 {
     const auto size = static_cast<size_t>(len);
-    auto copy = tavlen::allocate_bytes<char>(size + 1);
+    auto copy = take_text(size + 1);
     if (copy != nullptr) {
         if (size != 0) {
             memcpy(copy.get(), bytes, size);
@@ -332,18 +379,18 @@ int32_t add_string(uint16_t name, const char *bytes, int32_t len, mtb_chain *cha
     owned<char> text = copy_text(bytes, len); // first: the bytes may be the present element's own
     mtb_element *present = replace ? find_head(chain, name, MTB_TYPE_STRING) : nullptr;
     if (text != nullptr && present != nullptr) {
-        free(present->value.text);
+        release_text(present->value.text);
         present->value.text = text.release();
         present->len = len;
         return MTB_OK;
     }
-    owned<mtb_element> e = text != nullptr ? new_element(name, MTB_TYPE_STRING, len) : nullptr;
+    mtb_element *e = text != nullptr ? new_element(name, MTB_TYPE_STRING, len) : nullptr;
     if (e == nullptr) {
         LPRINTF("ERROR: low memory");
         return MTB_NOMEM;
     }
     e->value.text = text.release();
-    chain_append(chain, e.release());
+    chain_append(chain, e);
     return MTB_OK;
 }
 
@@ -357,12 +404,12 @@ int32_t store_block(int32_t name, uint8_t type, owned<void> block, int32_t len, 
         present->len = len;
         return MTB_OK;
     }
-    auto e = new_element(cut_name(name), type, len);
+    mtb_element *e = new_element(cut_name(name), type, len);
     if (e == nullptr) {
         return MTB_NOMEM;
     }
     e->value.data = block.release();
-    link_element(structr, e.release());
+    link_element(structr, e);
     return MTB_OK;
 }
 
@@ -436,7 +483,7 @@ using owned_chain = std::unique_ptr<mtb_chain, DestroyChain>;
 /// The texts as string elements of a chain; null without memory.
 owned_chain new_string_chain(uint16_t name, const char *const *texts, int32_t count)
 {
-    owned_chain chain(tavlen::allocate<mtb_chain>().release());
+    owned_chain chain(tavlen::take_record<mtb_chain>().release());
     if (chain == nullptr) {
         return nullptr;
     }
@@ -462,12 +509,12 @@ int32_t add_string_array(int32_t name, const char *const *texts, int32_t count, 
         present->len = count;
         return MTB_OK;
     }
-    auto e = new_element(cut_name(name), MTB_TYPE_STRING_ARRAY, count);
+    mtb_element *e = new_element(cut_name(name), MTB_TYPE_STRING_ARRAY, count);
     if (e == nullptr) {
         return MTB_NOMEM;
     }
     e->buffer = chain.release();
-    link_element(structr, e.release());
+    link_element(structr, e);
     return MTB_OK;
 }
 
@@ -598,6 +645,12 @@ struct Writer {
     {
         head(e);
         count(e);
+    }
+
+    void scalar(const mtb_value *value, int32_t width)
+    {
+        tavlen::convert_number(cursor, value, width);
+        cursor += width;
     }
 
     void items(const void *data, int32_t width, size_t count)
@@ -760,7 +813,7 @@ int32_t mtb_serialize_to_binary(const mtb_struct *structr, Writer &out)
         switch (e->type != MTB_TYPE_ROOT ? info.kind : Kind::invalid) {
         case Kind::scalar:
             out.head(e);
-            out.items(&e->value, info.width, 1);
+            out.scalar(&e->value, info.width);
             break;
         case Kind::string:
         case Kind::blob:
@@ -851,7 +904,7 @@ struct Reader {
 
 /// Reads `element_count` elements into the structure; the overload that recursion goes through,
 /// as often as MTB_MAX_DEPTH, so its frame and those between are kept small.
-int32_t mtb_binary_deserialize(mtb_struct *structr, Reader &in, int32_t element_count);
+int32_t mtb_binary_deserialize(mtb_struct *structr, Reader &reader, int32_t element_count);
 
 int32_t decode_scalar(uint16_t name, uint8_t type, Reader &in, mtb_struct *structr)
 {
@@ -859,13 +912,13 @@ int32_t decode_scalar(uint16_t name, uint8_t type, Reader &in, mtb_struct *struc
     if (!in.holds(width)) {
         return MTB_TOO_SHORT;
     }
-    auto e = new_element(name, type, 0);
+    mtb_element *e = new_element(name, type, 0);
     if (e == nullptr) {
         return MTB_NOMEM;
     }
-    (void)tavlen::convert_items(&e->value, in.cursor, width, 1);
+    tavlen::convert_number(&e->value, in.cursor, width);
     in.skip(static_cast<size_t>(width));
-    chain_append(structr->buffer, e.release());
+    chain_append(structr->buffer, e);
     return MTB_OK;
 }
 
@@ -875,14 +928,14 @@ int32_t decode_string(uint16_t name, Reader &in, mtb_struct *structr)
     if (len < 0) {
         return MTB_TOO_SHORT;
     }
-    auto e = new_element(name, MTB_TYPE_STRING, len);
-    owned<char> text = e != nullptr ? copy_text(in.cursor + count_size, len) : nullptr;
-    if (text == nullptr) {
+    owned<char> text = copy_text(in.cursor + count_size, len);
+    mtb_element *e = text != nullptr ? new_element(name, MTB_TYPE_STRING, len) : nullptr;
+    if (e == nullptr) {
         return MTB_NOMEM;
     }
-    in.skip(count_size + item_count(e.get()));
+    in.skip(count_size + static_cast<size_t>(len));
     e->value.text = text.release();
-    chain_append(structr->buffer, e.release());
+    chain_append(structr->buffer, e);
     return MTB_OK;
 }
 
@@ -894,22 +947,21 @@ int32_t decode_items(uint16_t name, uint8_t type, Reader &in, mtb_struct *struct
     if (count < 0) {
         return MTB_TOO_SHORT;
     }
-    auto e = new_element(name, type, count);
+    const auto items = static_cast<size_t>(count);
+    const size_t size = items * static_cast<size_t>(width);
+    const bool has_block = type != MTB_TYPE_BLOB || size != 0;
+    owned<void> block = has_block ? tavlen::allocate_bytes(size) : nullptr;
+    const bool is_ready = !has_block || block != nullptr;
+    mtb_element *e = is_ready ? new_element(name, type, count) : nullptr;
     if (e == nullptr) {
         return MTB_NOMEM;
     }
-    const size_t size = item_count(e.get()) * static_cast<size_t>(width);
-    if (type != MTB_TYPE_BLOB || size != 0) {
-        owned<void> items = tavlen::allocate_bytes(size);
-        if (items == nullptr) {
-            return MTB_NOMEM;
-        }
-        (void)tavlen::convert_items(items.get(), in.cursor + count_size, width,
-                                    item_count(e.get()));
-        e->value.data = items.release();
+    if (has_block) {
+        (void)tavlen::convert_items(block.get(), in.cursor + count_size, width, items);
     }
+    e->value.data = block.release();
     in.skip(count_size + size);
-    chain_append(structr->buffer, e.release());
+    chain_append(structr->buffer, e);
     return MTB_OK;
 }
 
@@ -943,9 +995,9 @@ int32_t decode_string_array(uint16_t name, Reader &in, mtb_struct *structr)
 
 int32_t decode_nested(mtb_struct *target, Reader &in)
 {
-    ++in.depth;
-    const int32_t result = mtb_binary_deserialize(target, in, target->len);
-    --in.depth;
+    Reader nested{in.cursor, in.left, in.depth + 1};
+    const int32_t result = mtb_binary_deserialize(target, nested, target->len);
+    in = Reader{nested.cursor, nested.left, in.depth};
     return result;
 }
 
@@ -1002,25 +1054,49 @@ int32_t get_array_struct_from_buffer(uint16_t name, uint8_t type, Reader &in, mt
     return result;
 }
 
+constexpr int32_t no_name = -1;
+
 /// Name and type of the next element; a type where none is left counts as one that nobody knows.
-bool get_binary_buffer_element_name(Reader &in, uint16_t *name)
+int32_t get_binary_buffer_element_name(Reader &in)
 {
-    if (!in.holds(sizeof *name)) {
+    if (!in.holds(sizeof(uint16_t))) [[unlikely]] {
         LPRINTF("ERROR: wrong buffer size: %i", in.left);
-        return false;
+        return no_name;
     }
-    *name = in.number<uint16_t>();
-    return true;
+    return in.number<uint16_t>();
 }
 
 uint8_t get_binary_buffer_element_type(Reader &in)
 {
     constexpr uint8_t type_of_nothing = 252;
-    if (in.left < 1) {
+    if (in.left < 1) [[unlikely]] {
         LPRINTF("ERROR: wrong buffer size: %i", in.left);
         return type_of_nothing;
     }
     return in.number<uint8_t>();
+}
+
+constexpr char decoder[] = "mtb_binary_deserialize"; // the name that its parts report under
+
+/// True, and told, when the next structure would be one too many inside each other.
+bool is_too_deep(const Reader &in)
+{
+    static ratelimit_slot too_deep;
+    if (in.depth != MTB_MAX_DEPTH) [[likely]] {
+        return false;
+    }
+    LPRINTF_AS(decoder, too_deep,
+               "ERROR: structures nested too deeply, stopping buffer processing (limit=%i)",
+               MTB_MAX_DEPTH);
+    return true;
+}
+
+void report_bad_type(uint16_t name, uint8_t type)
+{
+    static ratelimit_slot bad_type;
+    LPRINTF_AS(decoder, bad_type,
+               "ERROR: bad element type encountered, stopping buffer processing (name=%i, type=%i)",
+               name, type);
 }
 
 int32_t decode_payload(uint16_t name, uint8_t type, Reader &in, mtb_struct *structr)
@@ -1036,54 +1112,46 @@ int32_t decode_payload(uint16_t name, uint8_t type, Reader &in, mtb_struct *stru
     case Kind::string_array:
         return decode_string_array(name, in, structr);
     case Kind::structure:
-        return get_struct_from_binary_buffer(name, type, in, structr);
+        return is_too_deep(in) ? MTB_BAD_DATA
+                               : get_struct_from_binary_buffer(name, type, in, structr);
     case Kind::struct_array:
-        return get_array_struct_from_buffer(name, type, in, structr);
+        return is_too_deep(in) ? MTB_BAD_DATA
+                               : get_array_struct_from_buffer(name, type, in, structr);
     case Kind::invalid:
+        report_bad_type(name, type);
         break;
     }
     return MTB_BAD_DATA;
 }
 
-bool nests(uint8_t type)
-{
-    const Kind kind = type_info(type).kind;
-    return kind == Kind::structure || kind == Kind::struct_array;
-}
-
-int32_t mtb_binary_deserialize(mtb_struct *structr, Reader &in, int32_t element_count)
+int32_t mtb_binary_deserialize(mtb_struct *structr, Reader &reader, int32_t element_count)
 {
     if (element_count < 0) {
         LPRINTF("ERROR: param 'element_count' is negative");
         return MTB_BAD_ARG;
     }
+    Reader in = reader; // whose place is known to nobody else, so that it stays in registers
     for (int32_t decoded = 0; decoded < element_count && in.left > 0; ++decoded) {
-        uint16_t name = 0;
-        if (!get_binary_buffer_element_name(in, &name)) {
+        const int32_t name = get_binary_buffer_element_name(in);
+        if (name == no_name) {
+            reader = in;
             return MTB_TOO_SHORT; // the elements so far stay
         }
         const uint8_t type = get_binary_buffer_element_type(in);
-        int32_t result = MTB_BAD_DATA;
-        if (type_info(type).kind == Kind::invalid) {
-            LPRINTF("ERROR: bad element type encountered, stopping buffer processing (name=%i, "
-                    "type=%i)",
-                    name, type);
-        } else if (nests(type) && in.depth == MTB_MAX_DEPTH) {
-            LPRINTF("ERROR: structures nested too deeply, stopping buffer processing (limit=%i)",
-                    MTB_MAX_DEPTH);
-        } else {
-            result = decode_payload(name, type, in, structr);
+        const int32_t result = decode_payload(cut_name(name), type, in, structr);
+        if (result == MTB_OK) [[likely]] {
+            continue;
         }
         if (result == MTB_NOMEM) {
             LPRINTF("ERROR: low mem, stopping buffer processing");
         } else if (result == MTB_TOO_SHORT) {
             LPRINTF("ERROR: size was not enough to fully parse binary buffer");
         }
-        if (result != MTB_OK) {
-            (void)mtb_free_deserialized_packet(structr);
-            return result;
-        }
+        (void)mtb_free_deserialized_packet(structr);
+        reader = in;
+        return result;
     }
+    reader = in;
     return MTB_OK;
 }
 
@@ -1115,8 +1183,11 @@ int32_t mtb_binary_deserialize(mtb_struct *structr, uint8_t **binary_buffer, int
 
 namespace {
 
-int32_t check_getter_params(const void *val, const mtb_struct *structr)
+inline int32_t check_getter_params(const void *val, const mtb_struct *structr)
 {
+    if (val != nullptr && !is_missing(structr)) [[likely]] {
+        return MTB_OK;
+    }
     if (val == nullptr) {
         LPRINTF("ERROR: parameter 'val' should not be NULL");
         return MTB_BAD_ARG;
@@ -1125,16 +1196,13 @@ int32_t check_getter_params(const void *val, const mtb_struct *structr)
         LPRINTF("ERROR: parameter 'structr' should not be NULL");
         return MTB_BAD_ARG;
     }
-    if (structr->buffer == nullptr) {
-        LPRINTF("ERROR: parameter 'structr' is uninitialized or damaged");
-        return MTB_BAD_ARG;
-    }
-    return MTB_OK;
+    LPRINTF("ERROR: parameter 'structr' is uninitialized or damaged");
+    return MTB_BAD_ARG;
 }
 
 /// The common way of the getters: null, and the code in `*result`, when there is nothing to give.
-mtb_element *find_checked(int32_t name, uint8_t type, const void *val, mtb_struct *structr,
-                          int32_t *result)
+[[gnu::always_inline]] inline mtb_element *find_checked(int32_t name, uint8_t type, const void *val,
+                                                        mtb_struct *structr, int32_t *result)
 {
     *result = check_getter_params(val, structr);
     if (*result != MTB_OK) {
@@ -1384,13 +1452,16 @@ int32_t free_deserialized_buffer(mtb_chain *chain)
     while (mtb_element *e = chain_pop_first(chain)) {
         switch (type_info(e->type).kind) {
         case Kind::scalar:
-            free(e);
+            release_record(e);
             break;
         case Kind::string:
+            release_text(e->value.text);
+            release_record(e);
+            break;
         case Kind::blob:
         case Kind::array:
             free(e->value.data);
-            free(e);
+            release_record(e);
             break;
         case Kind::structure:
             if (free_struct(e) != MTB_OK) {
@@ -1406,7 +1477,7 @@ int32_t free_deserialized_buffer(mtb_chain *chain)
             break;
         case Kind::invalid:
             LPRINTF("ERROR: bad data type encountered: %d", e->type);
-            free(e);
+            release_record(e);
             return MTB_BAD_DATA;
         }
     }
@@ -1420,7 +1491,7 @@ namespace {
 void DestroyChain::operator()(mtb_chain *chain) const
 {
     (void)free_deserialized_buffer(chain);
-    free(chain);
+    release_record(chain);
 }
 
 } // namespace

@@ -14,6 +14,7 @@
 #include <utility>
 
 #include <TavlenCommon/atomic_field.h>
+#include <TavlenCommon/com_semaphore_internal.h>
 #include <TavlenCommon/error_text.h>
 #include <TavlenCommon/logger.h>
 #include <TavlenCommon/owned.h>
@@ -50,8 +51,8 @@ using owned_sock = std::unique_ptr<sock, FreeSock>;
 
 class LockGuard {
 public:
-    explicit LockGuard(com_semaphore *lock) : lock_(lock) { com_semaphore_lock(lock_); }
-    ~LockGuard() { com_semaphore_unlock(lock_); }
+    explicit LockGuard(com_semaphore *lock) : lock_(lock) { tavlen::lock(lock_); }
+    ~LockGuard() { tavlen::unlock(lock_); }
     LockGuard(const LockGuard &) = delete;
     LockGuard &operator=(const LockGuard &) = delete;
 
@@ -671,6 +672,7 @@ namespace {
 constexpr size_t type_size = sizeof(uint32_t); // in front of every datagram's payload
 constexpr size_t longest_datagram = 65535;
 constexpr size_t receive_buffer_size = longest_datagram + 1;
+constexpr size_t short_payload = 1024; // a log event's, and a size that malloc has at hand
 
 } // namespace
 
@@ -724,24 +726,62 @@ struct ReceiveReports {
     ratelimit_slot no_sock, no_size, no_type;
 };
 
-/// The checks that the receives of a whole payload share.
-bool has_outputs(const char *function, ReceiveReports *reports, const sock *s, const uint32_t *size,
-                 const uint32_t *type)
+void report_missing(const char *function, ReceiveReports *reports, const sock *s,
+                    const uint32_t *size)
 {
     if (s == nullptr) {
         LPRINTF_AS(function, reports->no_sock, "ERROR: sock is NULL");
     } else if (size == nullptr) {
         LPRINTF_AS(function, reports->no_size, "ERROR: size is NULL");
-    } else if (type == nullptr) {
-        LPRINTF_AS(function, reports->no_type, "ERROR: type is NULL");
     } else {
-        return true;
+        LPRINTF_AS(function, reports->no_type, "ERROR: type is NULL");
     }
-    return false;
 }
 
+/// The checks that the receives of a whole payload share.
+bool has_outputs(const char *function, ReceiveReports *reports, const sock *s, const uint32_t *size,
+                 const uint32_t *type)
+{
+    const bool all_there = s != nullptr && size != nullptr && type != nullptr;
+    if (!all_there) [[unlikely]] {
+        report_missing(function, reports, s, size);
+    }
+    return all_there;
+}
+
+/**
+ * The block that a datagram is received into: it holds the longest one. One block is kept from
+ * receive to receive, as most payloads are short and move to blocks of their own; a thread that
+ * finds none kept, another being at it, gets a new one.
+ */
+class ReceiveBlock {
+public:
+    ReceiveBlock() : block_(tavlen::exchange(kept_, nullptr))
+    {
+        if (block_ == nullptr) {
+            block_ = tavlen::allocate_bytes<uint8_t>(receive_buffer_size).release();
+        }
+    }
+    ~ReceiveBlock()
+    {
+        if (block_ != nullptr) {
+            free(tavlen::exchange(kept_, block_));
+        }
+    }
+    ReceiveBlock(const ReceiveBlock &) = delete;
+    ReceiveBlock &operator=(const ReceiveBlock &) = delete;
+
+    /// Null without memory.
+    uint8_t *get() const { return block_; }
+    owned<uint8_t> release() { return owned<uint8_t>(std::exchange(block_, nullptr)); }
+
+private:
+    static inline uint8_t *kept_ = nullptr;
+    uint8_t *block_;
+};
+
 /// The payload moved to the block's start and the block cut to it; null when it cannot be cut.
-owned<uint8_t> keep_payload(owned<uint8_t> datagram, size_t payload_size)
+owned<uint8_t> cut_to_payload(owned<uint8_t> datagram, size_t payload_size)
 {
     memmove(datagram.get(), datagram.get() + type_size, payload_size);
     void *cut = realloc(datagram.get(), payload_size);
@@ -761,8 +801,10 @@ void *sock_recvfrom(sock *s, uint32_t *size, uint32_t *type, struct sockaddr *ad
     if (!has_outputs(__func__, &reports, s, size, type)) {
         return nullptr;
     }
-    auto datagram = tavlen::allocate_bytes<uint8_t>(receive_buffer_size);
-    if (datagram == nullptr) {
+    // Both are there before the datagram is taken, so that no lack of memory can lose a short one.
+    auto payload = tavlen::allocate_bytes<uint8_t>(short_payload);
+    ReceiveBlock datagram;
+    if (payload == nullptr || datagram.get() == nullptr) {
         LPRINTF("ERROR: low memory");
         return nullptr;
     }
@@ -777,7 +819,11 @@ void *sock_recvfrom(sock *s, uint32_t *size, uint32_t *type, struct sockaddr *ad
     }
     *type = tavlen::load_wire<uint32_t>(datagram.get());
     *size = static_cast<uint32_t>(received) - static_cast<uint32_t>(type_size);
-    auto payload = keep_payload(std::move(datagram), *size);
+    if (*size <= short_payload) {
+        memcpy(payload.get(), datagram.get() + type_size, *size);
+        return payload.release();
+    }
+    payload = cut_to_payload(datagram.release(), *size);
     if (payload == nullptr) {
         LPRINTF("ERROR: low memory");
     }

@@ -35,17 +35,54 @@ T convert_order(T value)
     return std::endian::native == std::endian::little ? swap_bytes(value) : value;
 }
 
-/// Converts `count` items of type T; `dst` and `src` are unaligned, and the same place or apart.
+/// Converts one number; the places are unaligned, and the same or apart.
+template <class T>
+void convert_number(void *dst, const void *src)
+{
+    T number;
+    memcpy(&number, src, sizeof number);
+    number = convert_order(number);
+    memcpy(dst, &number, sizeof number);
+}
+
+/// The same for one of 1, 2, 4 or 8 bytes.
+inline void convert_number(void *dst, const void *src, int32_t width)
+{
+    switch (width) {
+    case 1:
+        return convert_number<uint8_t>(dst, src);
+    case 2:
+        return convert_number<uint16_t>(dst, src);
+    case 4:
+        return convert_number<uint32_t>(dst, src);
+    default:
+        return convert_number<uint64_t>(dst, src);
+    }
+}
+
+/// Two 32-bit numbers in one step: their bytes reversed as one, they have changed places, too.
+inline void convert_pair(void *dst, const void *src)
+{
+    uint64_t pair;
+    memcpy(&pair, src, sizeof pair);
+    pair = std::rotl(convert_order(pair), std::endian::native == std::endian::little ? 32 : 0);
+    memcpy(dst, &pair, sizeof pair);
+}
+
+/// Converts `count` numbers, wherever they are.
 template <class T>
 void convert_items(void *dst, const void *src, size_t count)
 {
     auto *to = static_cast<uint8_t *>(dst);
     const auto *from = static_cast<const uint8_t *>(src);
-    for (size_t offset = 0; offset != count * sizeof(T); offset += sizeof(T)) {
-        T item;
-        memcpy(&item, from + offset, sizeof item);
-        item = convert_order(item);
-        memcpy(to + offset, &item, sizeof item);
+    size_t offset = 0;
+    if constexpr (sizeof(T) == sizeof(uint32_t)) {
+        for (; offset != count / 2 * sizeof(uint64_t); offset += sizeof(uint64_t)) {
+            convert_pair(to + offset, from + offset);
+        }
+    }
+    for (; offset != count * sizeof(T); offset += sizeof(T)) {
+        convert_number<T>(to + offset, from + offset);
     }
 }
 

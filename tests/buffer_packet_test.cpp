@@ -216,15 +216,17 @@ TEST_F(BufferPacket, LackOfMemory)
         const bool without_bytes = p != nullptr && p->buffer == nullptr;
         EXPECT_TRUE(!without_bytes || (p->buffer_size == 0 && clpacket_serialize(p) == 0)) << "it has its fields";
     });
-    const Packet p = clpacket_create();
-    const Packet full = received(number_5);
-    const Fault fault(allocation, 1, Failing::from_then_on); // even the texts of the reports are lost
-    EXPECT_EACH(-1, clpacket_set_float(p, 1, 1), clpacket_alloc_buffer(full, 10));
-    EXPECT_EQ(clpacket_log_event_send_event("x", 1, 0), nullptr);
-    EXPECT_REPORTS("mtb_struct_new: (null)", "check_clpacket_structr_set: (null)", "clpacket_alloc_buffer: (null)",
-                   "clpacket_create: (null)", "clpacket_log_event_send_event: (null)");
-    EXPECT_EQ(p->error_state, MTB_NOMEM);
-    EXPECT_EQ(full->buffer_size, 0U);
+    in_new_thread([this] {
+        const Packet p = clpacket_create();
+        const Packet full = received(number_5);
+        const Fault fault(allocation, 1, Failing::from_then_on); // even the texts of the reports are lost
+        EXPECT_EACH(-1, clpacket_set_float(p, 1, 1), clpacket_alloc_buffer(full, 10));
+        EXPECT_EQ(clpacket_log_event_send_event("x", 1, 0), nullptr);
+        EXPECT_REPORTS("mtb_struct_new: (null)", "check_clpacket_structr_set: (null)", "clpacket_alloc_buffer: (null)",
+                       "clpacket_create: (null)", "clpacket_log_event_send_event: (null)");
+        EXPECT_EQ(p->error_state, MTB_NOMEM);
+        EXPECT_EQ(full->buffer_size, 0U);
+    });
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <string>
+#include <thread>
 #include <vector>
 
 /// Which calls fail: the n-th alone, or it and all that follow.
@@ -36,17 +37,27 @@ private:
     bool struck_ = false;
 };
 
+/// Calls the operation in a thread of its own, which has kept no records that would spare it an allocation.
+template <class Operation>
+void in_new_thread(Operation operation)
+{
+    std::thread(operation).join();
+}
+
 /// Calls operation(fault) with the 1st, 2nd, ... allocation failing, until it asks for no more.
 template <class Operation>
 void fail_each_allocation(Operation operation)
 {
     for (const Failing failing : {Failing::once, Failing::from_then_on}) {
-        bool struck = true;
-        for (int n = 1; struck; ++n) {
-            Fault fault(allocation, n, failing);
-            operation(fault);
-            struck = fault.struck();
-        }
+        bool struck = false;
+        int n = 1;
+        do {
+            in_new_thread([&] {
+                Fault fault(allocation, n++, failing);
+                operation(fault);
+                struck = fault.struck();
+            });
+        } while (struck);
     }
 }
 
