@@ -5,6 +5,7 @@
 #include <TavlenCommon/logger.h>
 #include <TavlenCommon/socket.h>
 #include <TavlenLogger/config.h>
+#include <TavlenLogger/log_event.h>
 #include <TavlenLogger/main.h>
 
 namespace {
@@ -52,6 +53,14 @@ const char *apply_command_line(int argc, char **argv)
     return config_path;
 }
 
+/// Room for bursts: the usual buffer holds some 250 short records, this one 20,000. The system
+/// grants no more than net.core.rmem_max, and any buffer will do.
+void ask_for_receive_buffer(sock *listener)
+{
+    constexpr int32_t bytes = 8 << 20;
+    (void)sock_setsockopt(listener, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
+}
+
 } // namespace
 
 int32_t msg_extract(clpacket *p)
@@ -59,6 +68,10 @@ int32_t msg_extract(clpacket *p)
     if (clpacket_get_type(p) != CLPACKET_LOG_EVENT) {
         LPRINTF("wrong type");
         return -1;
+    }
+    if (log_event_texts texts{}; read_plain_log_event(p, &texts)) {
+        (void)_lprintf(texts.name, nullptr, 0, nullptr, texts.line, nullptr);
+        return 0;
     }
     int32_t version = 0;
     char *name = nullptr;
@@ -119,6 +132,7 @@ int main(int argc, char **argv)
     if (listener == nullptr) {
         return EXIT_NO_SOCKET;
     }
+    ask_for_receive_buffer(listener);
     LPRINTF("Logger started (revision %s)...", revision);
     return msg_recv_loop(listener);
 }

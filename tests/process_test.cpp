@@ -1,8 +1,10 @@
 // The real collector as a process of its own: arguments, files, datagrams, and the lines it writes.
+#include <algorithm>
 #include <arpa/inet.h>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <linux/sock_diag.h>
 #include <memory>
 #include <sched.h>
 #include <sys/mount.h>
@@ -80,6 +82,7 @@ public:
         EXPECT_TRUE(eventually([this] { return !is_running(); }));
         return WIFEXITED(status_) ? WEXITSTATUS(status_) : -1;
     }
+    void signal(int number) const { EXPECT_EQ(kill(pid_, number), 0); }
     std::string file(const std::string &name) const { return folder_ + "/" + name; }
     std::string errors() const { return read_lines(file("errors")); }
     /// Exactly this comes on standard output behind what was expected before.
@@ -227,6 +230,42 @@ TEST(CollectorProcess, NoDatagramKnocksItOver)
     EXPECT_EQ(collector.errors(), "");
 }
 
+/// How many such datagrams this system keeps for a socket that asks for room as the collector does; at most `most`.
+size_t burst_that_fits(const std::string &datagram, size_t most)
+{
+    const int receiver = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in place{AF_INET, 0, {inet_addr(address.c_str())}, {}};
+    socklen_t size = sizeof place;
+    auto *any = reinterpret_cast<sockaddr *>(&place);
+    EXPECT_TRUE(bind(receiver, any, size) == 0 && getsockname(receiver, any, &size) == 0);
+    EXPECT_GT(sendto(receiver, datagram.data(), datagram.size(), 0, any, size), 0);
+    const int asked = 8 << 20;
+    uint32_t memory[SK_MEMINFO_VARS] = {};
+    socklen_t memory_size = sizeof memory;
+    EXPECT_EQ(setsockopt(receiver, SOL_SOCKET, SO_RCVBUF, &asked, sizeof asked), 0);
+    EXPECT_EQ(getsockopt(receiver, SOL_SOCKET, SO_MEMINFO, memory, &memory_size), 0);
+    close(receiver);
+    return std::min<size_t>(most, memory[SK_MEMINFO_RCVBUF] / memory[SK_MEMINFO_RMEM_ALLOC]);
+}
+
+TEST(CollectorProcess, KeepsABurstThatComesWhileItStandsStill)
+{
+    const auto record = [](size_t i) { return std::to_string(1000000 + i) + std::string(113, 'x'); };
+    Collector collector;
+    const size_t records = burst_that_fits(event("b", record(0)), 10000);
+    collector.signal(SIGSTOP);
+    sock *sender = sock_connect_general(address.c_str(), "27759", SOCK_DGRAM);
+    std::string lines;
+    for (size_t i = 0; i < records; ++i) {
+        const std::string datagram = event("b", record(i));
+        EXPECT_EQ(send(sender->fd, datagram.data(), datagram.size(), 0), static_cast<ssize_t>(datagram.size()));
+        lines += "b: " + record(i) + "\n";
+    }
+    sock_close(sender);
+    collector.signal(SIGCONT);
+    EXPECT_TRUE(eventually([&] { return read_file(collector.file("output")).ends_with(lines); })) << records;
+}
+
 TEST(CollectorProcess, AppendsToItsFileAndKeepsOtherDestinations)
 {
     const TemporaryFile log("earlier\n");
@@ -285,6 +324,53 @@ TEST(CollectorProcess, ListExamplesTalkOverAStream)
     EXPECT_EQ(client.exit_status() + server.exit_status(), 0);
     sock_close(stalled);
 }
+
+#ifdef TAVLEN_COUNTS_INSTRUCTIONS
+
+const std::string counting = "valgrind --tool=callgrind --callgrind-out-file=/dev/null ";
+
+/// What callgrind told when the process ended.
+int64_t instructions_of(Process &process)
+{
+    EXPECT_TRUE(eventually([&] { return !process.is_running(); }));
+    const std::string told = process.errors(), word = "Collected : ";
+    return std::stoll("0" + told.substr(std::min(told.size(), told.find(word) + word.size())));
+}
+
+int64_t collect(size_t records)
+{
+    Process collector(counting + TAVLEN_LOGGER " --DefaultLogDest 8 -l log --listenaddr " + address);
+    const auto lines = [&] { return std::ranges::count(read_file(collector.file("log")), '\n'); };
+    EXPECT_TRUE(eventually([&] { return lines() == 1; })) << "started";
+    for (size_t sent = 1; sent <= records; ++sent) {
+        send_datagram(event("sender", std::string(120, 'x')));
+        EXPECT_TRUE(sent % 100 != 0 || eventually([&] { return lines() > static_cast<int64_t>(sent); }));
+    }
+    collector.signal(SIGTERM);
+    return instructions_of(collector);
+}
+
+int64_t log(size_t records)
+{
+    Process program(counting + TAVLEN_LOG_CALLS " log " + std::to_string(records));
+    return instructions_of(program);
+}
+
+// Counts are the same from run to run, so a longer way of a record shows here. A fifth above what it took when this was
+// written; where it grew for a good reason, so may the budget.
+TEST(Instructions, PerRecordStayWithinTheBudget)
+{
+    if (system("valgrind --version >/dev/null 2>&1") != 0) {
+        GTEST_SKIP() << "valgrind is missing";
+    }
+    const auto per_record = [](int64_t (*run)(size_t)) { return (run(3000) - run(1000)) / 2000; };
+    const int64_t collected = per_record(collect), logged = per_record(log);
+    std::cout << "user instructions: collector " << collected << " per record, LPRINTF " << logged << " per call\n";
+    EXPECT_TRUE(collected > 100 && collected < 1220) << collected;
+    EXPECT_TRUE(logged > 100 && logged < 1800) << logged;
+}
+
+#endif
 
 // In a mount namespace of its own the test takes the place of the system's syslog.
 TEST(CollectorProcess, SyslogGetsTheLine)
