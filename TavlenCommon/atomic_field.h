@@ -21,10 +21,14 @@ void store_relaxed(T &field, std::type_identity_t<T> value)
     __atomic_store_n(&field, value, __ATOMIC_RELAXED);
 }
 
+/// Adds 1, but never goes beyond `most`.
 template <class T>
-void add_relaxed(T &field, std::type_identity_t<T> value)
+void raise_relaxed(T &field, std::type_identity_t<T> most)
 {
-    (void)__atomic_fetch_add(&field, value, __ATOMIC_RELAXED);
+    T seen = load_relaxed(field);
+    while (seen < most && !__atomic_compare_exchange_n(&field, &seen, seen + 1, true,
+                                                       __ATOMIC_RELAXED, __ATOMIC_RELAXED)) {
+    }
 }
 
 /// Takes the value and leaves another in its place, at once.

@@ -31,7 +31,7 @@ inline void unlock_mutex(com_semaphore *s)
     }
 }
 
-/// For one that may be missing.
+/// For a mutex that may be missing.
 inline void lock(com_semaphore *s)
 {
     s != nullptr ? lock_mutex(s) : com_semaphore_lock(s);

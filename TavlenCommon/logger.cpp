@@ -53,8 +53,8 @@ int64_t log_rl_interval = 0; // relaxed, seconds
 /**
  * Says that this thread is inside the library. A report raised then (by the lock, the packet layer
  * or the socket layer on the way to the collector) must not wait for the lock that this thread
- * holds: it passes the limiter and goes straight to standard error. Every record asks it several
- * times, so it lives where no call is needed to find it; for one byte there is always room there.
+ * holds: it passes the limiter and goes straight to standard error. Every record asks for it
+ * several times, so it lives where no call is needed to find it.
  */
 constinit thread_local bool inside_library [[gnu::tls_model("initial-exec")]] = false;
 
@@ -142,10 +142,11 @@ void write_to_file(int fd, const char *text, size_t length)
 {
     for (size_t done = 0; done < length;) {
         const ssize_t written = write(fd, text + done, length - done);
-        if (written < 0 && errno != EINTR) {
+        if (written > 0) {
+            done += static_cast<size_t>(written);
+        } else if (written == 0 || errno != EINTR) {
             return;
         }
-        done += written > 0 ? static_cast<size_t>(written) : 0;
     }
 }
 
@@ -486,26 +487,25 @@ void logger_close(void)
 
 namespace {
 
-bool is_limited()
-{
-    return load_relaxed(log_rl_max) >= 1 && load_relaxed(log_rl_interval) >= 1;
-}
+/// The limiter's settings, read once for a call: they may change meanwhile.
+struct Limits {
+    int32_t max_records = load_relaxed(log_rl_max);
+    int64_t interval = load_relaxed(log_rl_interval); // seconds
 
-bool is_over(const ratelimit_slot *slot, int64_t now)
-{
-    return now - load_relaxed(log_rl_interval) > load_relaxed(slot->period_start);
-}
+    bool are_on() const { return max_records >= 1 && interval >= 1; }
+};
 
-bool is_used_up(const ratelimit_slot *slot)
+/// The site's period goes on at that time, and has had all its records. Without log_lock, too: a
+/// new period's start is published after its count.
+bool is_used_up(const ratelimit_slot *slot, int64_t now, const Limits &limits)
 {
-    return load_relaxed(slot->count) >= load_relaxed(log_rl_max);
+    const bool is_over = now - limits.interval > tavlen::load_published(slot->period_start);
+    return !is_over && load_relaxed(slot->count) >= limits.max_records;
 }
 
 void count_refusal(ratelimit_slot *slot)
 {
-    if (load_relaxed(slot->suppressed) != std::numeric_limits<int32_t>::max()) {
-        tavlen::add_relaxed(slot->suppressed, 1);
-    }
+    tavlen::raise_relaxed(slot->suppressed, std::numeric_limits<int32_t>::max());
 }
 
 struct Verdict {
@@ -514,18 +514,18 @@ struct Verdict {
 };
 
 /// With log_lock held. Refusals that are counted without it meanwhile go to one period or the next.
-Verdict count_record(ratelimit_slot *slot, int64_t now)
+Verdict count_record(ratelimit_slot *slot, int64_t now, const Limits &limits)
 {
     Verdict verdict{};
     if (slot->period_start == 0) {
-        store_relaxed(slot->period_start, now);
+        tavlen::publish(slot->period_start, now);
     }
-    if (is_over(slot, now)) {
+    if (now - limits.interval > slot->period_start) {
         verdict.carried = tavlen::exchange_relaxed(slot->suppressed, 0);
         store_relaxed(slot->count, 0);
-        store_relaxed(slot->period_start, now);
+        tavlen::publish(slot->period_start, now);
     }
-    if (is_used_up(slot)) {
+    if (is_used_up(slot, now, limits)) {
         count_refusal(slot);
         verdict.result = -1;
     } else {
@@ -550,19 +550,20 @@ Verdict count_record(ratelimit_slot *slot, int64_t now)
 
 int32_t _lprintf_ratelimit(ratelimit_slot *slot, const char *file, int32_t line, const char *func)
 {
-    if (!is_limited() || slot == nullptr || inside_library || !is_open()) {
+    const Limits limits;
+    if (!limits.are_on() || slot == nullptr || inside_library || !is_open()) {
         return 0;
     }
-    const int64_t now = time(nullptr); // leaves errno alone, as the lock does
+    const int64_t now = time(nullptr);
     // A site that is at its limit need not wait for a lock, which is held while a line is written.
-    if (is_used_up(slot) && !is_over(slot, now)) {
+    if (is_used_up(slot, now, limits)) {
         count_refusal(slot);
         return -1;
     }
     Verdict verdict{};
     {
         const LogLock lock;
-        verdict = count_record(slot, now);
+        verdict = count_record(slot, now, limits);
     }
     if (verdict.carried > 0) [[unlikely]] {
         report_suppressed(verdict.carried, file, line, func);

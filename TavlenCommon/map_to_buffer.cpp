@@ -1099,6 +1099,16 @@ void report_bad_type(uint16_t name, uint8_t type)
                name, type);
 }
 
+void report_stop(int32_t result)
+{
+    static ratelimit_slot no_memory, too_short;
+    if (result == MTB_NOMEM) {
+        LPRINTF_AS(decoder, no_memory, "ERROR: low mem, stopping buffer processing");
+    } else if (result == MTB_TOO_SHORT) {
+        LPRINTF_AS(decoder, too_short, "ERROR: size was not enough to fully parse binary buffer");
+    }
+}
+
 int32_t decode_payload(uint16_t name, uint8_t type, Reader &in, mtb_struct *structr)
 {
     switch (type_info(type).kind) {
@@ -1124,17 +1134,12 @@ int32_t decode_payload(uint16_t name, uint8_t type, Reader &in, mtb_struct *stru
     return MTB_BAD_DATA;
 }
 
-int32_t mtb_binary_deserialize(mtb_struct *structr, Reader &reader, int32_t element_count)
+[[gnu::always_inline]] inline int32_t decode_level(mtb_struct *structr, Reader &in,
+                                                   int32_t element_count)
 {
-    if (element_count < 0) {
-        LPRINTF("ERROR: param 'element_count' is negative");
-        return MTB_BAD_ARG;
-    }
-    Reader in = reader; // whose place is known to nobody else, so that it stays in registers
     for (int32_t decoded = 0; decoded < element_count && in.left > 0; ++decoded) {
         const int32_t name = get_binary_buffer_element_name(in);
         if (name == no_name) {
-            reader = in;
             return MTB_TOO_SHORT; // the elements so far stay
         }
         const uint8_t type = get_binary_buffer_element_type(in);
@@ -1142,17 +1147,23 @@ int32_t mtb_binary_deserialize(mtb_struct *structr, Reader &reader, int32_t elem
         if (result == MTB_OK) [[likely]] {
             continue;
         }
-        if (result == MTB_NOMEM) {
-            LPRINTF("ERROR: low mem, stopping buffer processing");
-        } else if (result == MTB_TOO_SHORT) {
-            LPRINTF("ERROR: size was not enough to fully parse binary buffer");
-        }
+        report_stop(result);
         (void)mtb_free_deserialized_packet(structr);
-        reader = in;
         return result;
     }
-    reader = in;
     return MTB_OK;
+}
+
+int32_t mtb_binary_deserialize(mtb_struct *structr, Reader &reader, int32_t element_count)
+{
+    if (element_count < 0) {
+        LPRINTF("ERROR: param 'element_count' is negative");
+        return MTB_BAD_ARG;
+    }
+    Reader in = reader; // whose place nobody else knows: it can stay in registers
+    const int32_t result = decode_level(structr, in, element_count);
+    reader = in;
+    return result;
 }
 
 } // namespace
@@ -1447,21 +1458,36 @@ void free_array(mtb_element *e)
     }
 }
 
+/// Elements of a short structure are kept for the next one. Those of a long one are not: a part of
+/// them would be no help to another long one.
+class Releaser {
+public:
+    explicit Releaser(const mtb_chain *chain) : keeps_(chain->count <= longest_kept) {}
+
+    void element(mtb_element *e) const { keeps_ ? release_record(e) : free(e); }
+    void text(char *text) const { keeps_ ? release_text(text) : free(text); }
+
+private:
+    static constexpr int32_t longest_kept = 32;
+    bool keeps_;
+};
+
 int32_t free_deserialized_buffer(mtb_chain *chain)
 {
+    const Releaser release(chain);
     while (mtb_element *e = chain_pop_first(chain)) {
         switch (type_info(e->type).kind) {
         case Kind::scalar:
-            release_record(e);
+            release.element(e);
             break;
         case Kind::string:
-            release_text(e->value.text);
-            release_record(e);
+            release.text(e->value.text);
+            release.element(e);
             break;
         case Kind::blob:
         case Kind::array:
             free(e->value.data);
-            release_record(e);
+            release.element(e);
             break;
         case Kind::structure:
             if (free_struct(e) != MTB_OK) {
@@ -1477,16 +1503,12 @@ int32_t free_deserialized_buffer(mtb_chain *chain)
             break;
         case Kind::invalid:
             LPRINTF("ERROR: bad data type encountered: %d", e->type);
-            release_record(e);
+            release.element(e);
             return MTB_BAD_DATA;
         }
     }
     return MTB_OK;
 }
-
-} // namespace
-
-namespace {
 
 void DestroyChain::operator()(mtb_chain *chain) const
 {

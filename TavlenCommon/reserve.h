@@ -18,7 +18,8 @@
 
 namespace tavlen {
 
-/// What a thread keeps of one type of record: linked through their first bytes.
+/// What a thread keeps of one type of record: linked through their first bytes. As soon as it is
+/// watched, its records and its room together are as many as are kept at most.
 struct Reserve {
     void *first;
     uint32_t room;           // for how many more; 0 until the first is released
@@ -26,7 +27,8 @@ struct Reserve {
     bool is_watched;         // freed when the thread ends
 };
 
-/// This thread's; it lives where no call is needed to find it.
+/// This thread's. It lives where no call is needed to find it, in the static part of the threads'
+/// memory: who loads the library with dlopen needs some hundred bytes of that.
 template <class Record>
 inline constinit thread_local Reserve reserve_of [[gnu::tls_model("initial-exec")]] = {};
 
@@ -67,6 +69,7 @@ inline void release_record(Record *record)
 }
 
 /// Releases a block of any size, which is not null; one that can hold such a record is kept as one.
+/// The allocator is asked, as a caller may have put a block of his own in its place.
 template <class Record>
 void release_block(void *block)
 {

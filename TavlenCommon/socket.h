@@ -131,8 +131,9 @@ TAVLEN_API int32_t sock_sendto(sock *s, const void *data, size_t data_size, uint
 
 /**
  * Waits for one datagram and gives its bytes behind the type, a new block for the caller to free.
- * The sender's address is stored when `addr` and `addr_len` are both given. Holds `sem_read`.
- * Null without a report when the receive fails or brings 4 bytes or fewer.
+ * The block may be larger than `size`. The sender's address is stored when `addr` and `addr_len`
+ * are both given. Holds `sem_read`. Null without a report when the receive fails or brings 4 bytes
+ * or fewer.
  */
 TAVLEN_API void *sock_recvfrom(sock *s, uint32_t *size, uint32_t *type, struct sockaddr *addr,
                                socklen_t *addr_len);

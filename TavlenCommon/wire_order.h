@@ -45,7 +45,7 @@ void convert_number(void *dst, const void *src)
     memcpy(dst, &number, sizeof number);
 }
 
-/// The same for one of 1, 2, 4 or 8 bytes.
+/// The same for a number of `width` bytes, which is one that a number has: 1, 2, 4 or 8.
 inline void convert_number(void *dst, const void *src, int32_t width)
 {
     switch (width) {
@@ -69,7 +69,7 @@ inline void convert_pair(void *dst, const void *src)
     memcpy(dst, &pair, sizeof pair);
 }
 
-/// Converts `count` numbers, wherever they are.
+/// Converts `count` numbers; `dst` and `src` are unaligned, and the same place or apart.
 template <class T>
 void convert_items(void *dst, const void *src, size_t count)
 {

@@ -53,12 +53,22 @@ const char *apply_command_line(int argc, char **argv)
     return config_path;
 }
 
-/// Room for bursts: the usual buffer holds some 250 short records, this one 20,000. The system
-/// grants no more than net.core.rmem_max, and any buffer will do.
+/// Room for bursts: the usual buffer holds some 250 short records. Where net.core.rmem_max allows
+/// this one, the kernel reserves twice as much, and 20,000 fit; any buffer will do.
 void ask_for_receive_buffer(sock *listener)
 {
     constexpr int32_t bytes = 8 << 20;
-    (void)sock_setsockopt(listener, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
+    int32_t usual = 0;
+    socklen_t size = sizeof usual;
+    if (getsockopt(listener->fd, SOL_SOCKET, SO_RCVBUF, &usual, &size) == 0 && usual < bytes) {
+        (void)sock_setsockopt(listener, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
+    }
+}
+
+/// The record's time is its sender's, inside the line.
+void write_record(const char *name, const char *line)
+{
+    (void)_lprintf(name, nullptr, 0, nullptr, line, nullptr);
 }
 
 } // namespace
@@ -70,7 +80,7 @@ int32_t msg_extract(clpacket *p)
         return -1;
     }
     if (log_event_texts texts{}; read_plain_log_event(p, &texts)) {
-        (void)_lprintf(texts.name, nullptr, 0, nullptr, texts.line, nullptr);
+        write_record(texts.name, texts.line);
         return 0;
     }
     int32_t version = 0;
@@ -92,7 +102,7 @@ int32_t msg_extract(clpacket *p)
         LPRINTF("wrong version (%i instead of 1)", version);
         return -1;
     }
-    (void)_lprintf(name, nullptr, 0, nullptr, text, nullptr);
+    write_record(name, text);
     return 0;
 }
 

@@ -14,7 +14,8 @@ extern "C" {
  */
 int32_t msg_recv_loop(sock *s);
 
-/// Writes a received log event to the destinations under its sender's name. -1 when it is none.
+/// Writes a received log event to the destinations under its sender's name. -1 when it is none. The
+/// packet is used up: its line is ended where it lies, which may be in the packet's bytes.
 int32_t msg_extract(clpacket *p);
 
 } // extern "C"

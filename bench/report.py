@@ -1,12 +1,13 @@
 #!/usr/bin/env python3
 """Merges the results of the benchmarks into one JSON file, and prints such a file as tables.
 
-report.py merge BUILD_FOLDER FILTER COLLECTOR_JSON LIBRARY_JSON OUTPUT
+report.py merge BUILD_FOLDER FILTER RESULTS_FOLDER OUTPUT
 report.py print JSON
 
 The merged file holds "collector" (the measurements of collector_bench), "library" (nanoseconds per
-item by benchmark name, medians) and "size" (the stripped product). A part that is not there was
-left out by the filter.
+item by benchmark name, medians), "memory" (bytes of heap per item), "allocations", "instructions"
+and "growth" (counts by name; of the last, at 1,000 items, at many, and their ratio) and "size" (the
+stripped product). A part that is not there was left out by the filter.
 """
 import json
 import os
@@ -56,6 +57,26 @@ def library_medians(results):
     return dict(sorted(medians.items(), key=lambda item: natural_order(item[0])))
 
 
+def library_memory(results):
+    """Bytes per item, which are the same in every repetition."""
+    runs = results.get("benchmarks", [])
+    return {plain_name(run["run_name"]): run["bytes_per_item"] for run in runs
+            if run.get("aggregate_name") == "median" and "bytes_per_item" in run}
+
+
+def read_counts(path, columns=1):
+    """{name: numbers} of a table of words and numbers, as the counting programs print them."""
+    counts = {}
+    if os.path.exists(path):
+        with open(path, encoding="utf-8") as file:
+            lines = [line.split() for line in file]
+        for words in lines:
+            numbers = words[-columns:]
+            if len(words) > columns and all(re.fullmatch(r"[\d.]+", n) for n in numbers):
+                counts[" ".join(words[:-columns])] = [float(n) for n in numbers]
+    return counts
+
+
 def stripped_size(path):
     with tempfile.TemporaryDirectory() as folder:
         stripped = os.path.join(folder, "stripped")
@@ -76,10 +97,17 @@ def product_sizes(build):
     ]
 
 
-def merge(build, pattern, collector_path, library_path, output):
+def merge(build, pattern, folder, output):
+    library = read_json(os.path.join(folder, "library.json"))
+    memory = library_memory(library)
+    medians = library_medians(library)
     parts = {
-        "collector": read_json(collector_path).get("measurements", []),
-        "library": library_medians(read_json(library_path)),
+        "collector": read_json(os.path.join(folder, "collector.json")).get("measurements", []),
+        "library": {name: time for name, time in medians.items() if name not in memory},
+        "memory": memory,
+        "allocations": read_counts(os.path.join(folder, "allocations.txt")),
+        "instructions": read_counts(os.path.join(folder, "instructions.txt")),
+        "growth": read_counts(os.path.join(folder, "growth.txt"), columns=3),
         "size": product_sizes(build) if re.search(pattern, "size") else [],
     }
     parts = {name: part for name, part in parts.items() if part}
@@ -218,6 +246,31 @@ def print_library(library):
     print_table("Others", ["", "ns"], rows)
 
 
+def print_memory(memory):
+    rows = [[name, shown(count, 0)] for name, count in memory.items()]
+    print_table("Heap per item of a decoded structure", ["", "bytes"], rows)
+
+
+def print_counts(title, counts):
+    """One column per codec where the names tell codecs apart, else one."""
+    codecs = {name: parts for name in counts if len(parts := name.rsplit("/", 1)) == 2}
+    kinds = list(dict.fromkeys(kind for _, kind in codecs.values()))
+    works = list(dict.fromkeys(work for work, _ in codecs.values()))
+    rows = [
+        [work] + [shown(counts.get(f"{work}/{kind}", [None])[0], 0) for kind in kinds]
+        for work in works
+    ]
+    print_table(title, ["by codec"] + kinds, rows)
+    rows = [[name, shown(count[0], 0)] for name, count in counts.items() if name not in codecs]
+    print_table(title, ["per record", "count"], rows)
+
+
+def print_instruction_growth(growth):
+    rows = [[name, shown(a, 1), shown(b, 1), shown(r, 3)] for name, (a, b, r) in growth.items()]
+    head = ["instructions per item, of", "1,000", "many", "ratio"]
+    print_table("Growth: messages, counted", head, rows)
+
+
 def print_size(sizes):
     rows = [[s["file"], f"{s['bytes']:,}", " ".join(s["needs"])] for s in sizes]
     print_table("Size, stripped", ["file", "bytes", "needs"], rows)
@@ -227,11 +280,15 @@ def print_all(path):
     results = read_json(path)
     print_collector(results.get("collector", []))
     print_library(results.get("library", {}))
+    print_memory(results.get("memory", {}))
+    print_counts("Allocations", results.get("allocations", {}))
+    print_counts("Instructions", results.get("instructions", {}))
+    print_instruction_growth(results.get("growth", {}))
     print_size(results.get("size", []))
 
 
 def main(arguments):
-    if len(arguments) == 6 and arguments[0] == "merge":
+    if len(arguments) == 5 and arguments[0] == "merge":
         merge(*arguments[1:])
     elif len(arguments) == 2 and arguments[0] == "print":
         print_all(arguments[1])
