@@ -779,7 +779,9 @@ int32_t binaryze_array_of_struct(const mtb_element *array, Writer &out)
     for (const mtb_element *e = array->buffer->first; e != nullptr; e = e->next) {
         const int32_t result = binaryze_struct(e, out);
         if (result != MTB_OK) {
+            static ratelimit_slot not_binarized;
             LPRINTF("ERROR: failed to binarize array of structures");
+            LPRINTF_AS("mtb_serialize_to_binary", not_binarized, "ERROR: failed to binarize array");
             return result;
         }
     }
@@ -794,19 +796,27 @@ void write_string_array(const mtb_element *array, Writer &out)
     }
 }
 
-int32_t mtb_serialize_to_binary(const mtb_struct *structr, Writer &out)
+/// What nests is written by a writer of its own, so that the place of `out` stays unknown to others
+/// and the cursor in a register.
+[[gnu::always_inline]] inline int32_t
+write_nested(const mtb_element *e, Writer &out, int32_t (*write)(const mtb_element *e, Writer &out))
+{
+    Writer nested = out;
+    const int32_t result = write(e, nested);
+    out = nested;
+    return result;
+}
+
+void report_type(const mtb_element *e)
+{
+    static ratelimit_slot bad_type;
+    LPRINTF_AS("mtb_serialize_to_binary", bad_type,
+               "ERROR: invalid data type encauntered, type = %d\n", e->type);
+}
+
+[[gnu::always_inline]] inline int32_t write_elements(const mtb_struct *structr, Writer &out)
 {
     int32_t result = MTB_OK;
-    // What is no structure comes from a received array of structures, and has no chain to follow.
-    if (structr != out.root && !is_structure(structr)) {
-        LPRINTF("ERROR: invalid data type encauntered, type = %d\n", structr->type);
-        return MTB_BAD_DATA;
-    }
-    if (is_missing(structr)) {
-        LPRINTF("ERROR: param 'structr' is uninitialized.");
-        return MTB_BAD_ARG;
-    }
-    out.counted_head(structr);
     for (const mtb_element *e = structr->buffer->first; e != nullptr && result == MTB_OK;
          e = e->next) {
         const TypeInfo info = type_info(e->type);
@@ -826,21 +836,36 @@ int32_t mtb_serialize_to_binary(const mtb_struct *structr, Writer &out)
             write_string_array(e, out);
             break;
         case Kind::structure:
-            result = binaryze_struct(e, out);
+            result = write_nested(e, out, binaryze_struct);
             break;
         case Kind::struct_array:
             out.counted_head(e);
-            result = binaryze_array_of_struct(e, out);
-            if (result != MTB_OK) {
-                LPRINTF("ERROR: failed to binarize array");
-            }
+            result = write_nested(e, out, binaryze_array_of_struct);
             break;
         case Kind::invalid:
-            LPRINTF("ERROR: invalid data type encauntered, type = %d\n", e->type);
+            report_type(e);
             result = MTB_BAD_DATA;
             break;
         }
     }
+    return result;
+}
+
+int32_t mtb_serialize_to_binary(const mtb_struct *structr, Writer &writer)
+{
+    // What is no structure comes from a received array of structures, and has no chain to follow.
+    if (structr != writer.root && !is_structure(structr)) {
+        report_type(structr);
+        return MTB_BAD_DATA;
+    }
+    if (is_missing(structr)) {
+        LPRINTF("ERROR: param 'structr' is uninitialized.");
+        return MTB_BAD_ARG;
+    }
+    Writer out = writer;
+    out.counted_head(structr);
+    const int32_t result = write_elements(structr, out);
+    writer = out;
     return result;
 }
 
@@ -1472,10 +1497,18 @@ private:
     bool keeps_;
 };
 
+/// After elements were taken off the front without a look back.
+void end_chain(mtb_chain *chain)
+{
+    (chain->first != nullptr ? chain->first->prev : chain->last) = nullptr;
+}
+
 int32_t free_deserialized_buffer(mtb_chain *chain)
 {
     const Releaser release(chain);
-    while (mtb_element *e = chain_pop_first(chain)) {
+    while (mtb_element *e = chain->first) {
+        chain->first = e->next; // behind it, the chain is put right when emptying stops
+        --chain->count;
         switch (type_info(e->type).kind) {
         case Kind::scalar:
             release.element(e);
@@ -1504,9 +1537,11 @@ int32_t free_deserialized_buffer(mtb_chain *chain)
         case Kind::invalid:
             LPRINTF("ERROR: bad data type encountered: %d", e->type);
             release.element(e);
+            end_chain(chain);
             return MTB_BAD_DATA;
         }
     }
+    end_chain(chain);
     return MTB_OK;
 }
 
