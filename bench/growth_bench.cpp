@@ -188,7 +188,7 @@ BENCHMARK_CODEC(one_blob);
 BENCHMARK_CODEC(many_strings);
 
 #define BENCHMARK_NESTING(function, ...)                                                           \
-    BENCHMARK_CAPTURE(function, nested, __VA_ARGS__)->Arg(10)->Arg(100)->Arg(1000)
+    BENCHMARK_CAPTURE(function, nested, __VA_ARGS__)->Arg(10)->Arg(100)->Arg(300)->Arg(1000)
 
 BENCHMARK_NESTING(Encode, nested);
 BENCHMARK_NESTING(Decode, nested);
@@ -261,7 +261,7 @@ void BuildNested(benchmark::State &state)
     }
     count_items(state, levels);
 }
-BENCHMARK(BuildNested)->Name("Build/nested")->Arg(10)->Arg(100)->Arg(1000);
+BENCHMARK(BuildNested)->Name("Build/nested")->Arg(10)->Arg(100)->Arg(300)->Arg(1000);
 
 // --------------------------------------------------------------------------------------- memory
 
