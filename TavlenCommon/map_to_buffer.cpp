@@ -763,7 +763,7 @@ int32_t mtb_calc_serialized_packet_size(const mtb_struct *structr, uint64_t *siz
 namespace {
 
 /// Writes one structure, head included; the overload that recursion goes through.
-int32_t mtb_serialize_to_binary(const mtb_struct *structr, Writer &out);
+int32_t mtb_serialize_to_binary(const mtb_struct *structr, Writer &writer);
 
 int32_t binaryze_struct(const mtb_element *e, Writer &out)
 {

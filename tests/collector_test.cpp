@@ -32,6 +32,38 @@ TEST_F(Collector, LoopGoesOnUntilNoPacketCanBeMade)
     EXPECT_THAT(reports, testing::Contains("msg_recv_loop: wrong message ignored\nn: text"));
 }
 
+// A packet that was decoded before is read through its fields.
+TEST_F(Collector, ReadsInPlaceAsItWouldDecode)
+{
+    const auto compare = [this](const std::vector<uint8_t> &wire) {
+        const Packet plain = received(wire), decoded = received(wire);
+        EXPECT_EACH(0, clpacket_set_type(plain, CLPACKET_LOG_EVENT), clpacket_set_type(decoded, CLPACKET_LOG_EVENT));
+        const bool is_whole = clpacket_deserialize(decoded) == 0;
+        take_reports();
+        const int32_t result = msg_extract(plain);
+        const Reports reports = take_reports();
+        EXPECT_EQ(msg_extract(decoded), result);
+        const Reports expected = take_reports();
+        EXPECT_TRUE(!is_whole || reports == expected) << testing::PrintToString(wire);
+        return result == 0;
+    };
+    size_t accepted = 0;
+    for (const std::string text : {"line\n\n", "line", "\n", ""}) {
+        const std::vector<uint8_t> wire =
+            wire_of(Packet(clpacket_log_event("na", text.data(), static_cast<int32_t>(text.size()))));
+        EXPECT_TRUE(compare(wire));
+        for (size_t i = 0; i < wire.size(); ++i) {
+            compare({wire.begin(), wire.begin() + static_cast<ptrdiff_t>(i) + 1});
+            for (const uint8_t value : bytes("00 01 02 03 0e 7f ff")) {
+                std::vector<uint8_t> changed = wire;
+                changed[i] = value;
+                accepted += compare(changed);
+            }
+        }
+    }
+    EXPECT_GT(accepted, 200U);
+}
+
 TEST_F(Collector, SettingsWithoutMemoryAreNotPublished)
 {
     fail_each_allocation([](Fault &fault) {

@@ -1,5 +1,6 @@
 #include <TavlenCommon/logger.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <set>
@@ -193,6 +194,22 @@ TEST_F(Logger, ThreadsNeverMixLinesWhileAnotherOpensAndChangesEverything)
     for (const char letter : {'a', 'b', 'c'}) {
         EXPECT_EQ(std::erase(records, "operator(): " + std::string(100, letter)), 300U);
     }
+}
+
+TEST_F(Logger, ThreadsAreRefusedWithoutLosingCount)
+{
+    logger_set_config(3, 10);
+    ratelimit_slot slot{};
+    std::atomic<int> passed = 0;
+    const auto ask = [&] {
+        for (int i = 0; i < 200000; ++i) {
+            passed += _lprintf_ratelimit(&slot, "f.c", 5, "g") == 0 ? 1 : 0;
+        }
+    };
+    {
+        const std::jthread a(ask), b(ask), c(ask);
+    }
+    EXPECT_EQ(std::vector({passed.load(), slot.count, slot.suppressed}), std::vector({3, 3, 599997}));
 }
 
 TEST_F(Logger, EachLineIsOneEventWithoutItsLineFeed)

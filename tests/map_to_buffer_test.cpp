@@ -321,6 +321,34 @@ TEST_F(MapToBuffer, DamagedStructuresAreReportedAtEveryLevelAndReleasedWhole)
                     "mtb_struct_destroy: ERROR: NULL pointer: structr->buffer");
 }
 
+// Kept for the thread's next structures: the records of short ones only. Under the address sanitizer nothing is.
+TEST_F(MapToBuffer, ThreadsReuseRecords)
+{
+#ifdef __SANITIZE_ADDRESS__
+    constexpr size_t kept = 0;
+#else
+    constexpr size_t kept = 31;
+#endif
+    in_new_thread([&] {
+        for (const int32_t fields : {1000, 30}) {
+            const Structure released;
+            for (int32_t name = 0; name < fields; ++name) {
+                EXPECT_EQ(mtb_add_float(name, 1, released), MTB_OK);
+            }
+        }
+        const Fault fault(allocation, 1, Failing::from_then_on);
+        mtb_struct *next = mtb_struct_new(1);
+        size_t records = next != nullptr ? 1 : 0;
+        while (next != nullptr && mtb_add_float(static_cast<int32_t>(records), 1, next) == MTB_OK) {
+            ++records;
+        }
+        EXPECT_EQ(records, kept);
+        mtb_free_deserialized_packet(next);
+        mtb_struct_destroy(next);
+        take_reports();
+    });
+}
+
 TEST_F(MapToBuffer, LackOfMemoryChangesNothingAndLeaksNothing)
 {
     const std::pair<std::function<int32_t()>, const char *> cases[] = {
