@@ -14,7 +14,6 @@
 #include <limits>
 #include <string_view>
 #include <syslog.h>
-#include <type_traits>
 #include <unistd.h>
 
 #include <TavlenCommon/atomic_field.h>
