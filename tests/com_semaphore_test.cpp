@@ -9,31 +9,26 @@
 
 namespace {
 
-class Semaphores : public ReportingTest {};
-
-/// What an operation gives whose first call of a platform function fails; the report's own calls do not.
-auto with(const char *function, int64_t result, int error, auto operation, auto... arguments)
-{
-    const Fault fault(function, 1, Failing::once, result, error);
-    return operation(arguments...);
-}
+using Semaphores = ReportingTest;
+using Conditionals = ReportingTest;
 
 TEST_F(Semaphores, NullIsReportedUnlessQuietAndUnknownTypeIsDestroyedAsMutex)
 {
-    com_semaphore_lock_ex(1, nullptr);
-    com_semaphore_unlock_ex(1, nullptr);
-    com_semaphore_lock(nullptr);
-    com_semaphore_unlock(nullptr);
-    com_semaphore_destroy(nullptr);
-    EXPECT_REPORTS("com_semaphore_lock_ex: ERROR: argument is NULL", "com_semaphore_unlock_ex: ERROR: argument is NULL",
-                   "com_semaphore_destroy: ERROR: argument is NULL");
-    com_semaphore *s = com_semaphore_init();
+    com_semaphore *s = nullptr;
+    com_semaphore_lock_ex(1, s), com_semaphore_unlock_ex(1, s);
+    com_semaphore_lock(s), com_semaphore_unlock(s), com_semaphore_destroy(s);
+    s = com_semaphore_init();
     s->type = 0x80000002;
-    com_semaphore_lock_ex(1, s);
-    com_semaphore_unlock_ex(1, s);
-    com_semaphore_destroy(s);
-    EXPECT_REPORTS("com_semaphore_lock_ex: ERROR: unknown type of semaphore: -2147483646",
-                   "com_semaphore_unlock_ex: ERROR: unknown type of semaphore: -2147483646");
+    com_semaphore_lock_ex(1, s), com_semaphore_unlock_ex(1, s), com_semaphore_destroy(s);
+    com_conditional *const c = nullptr;
+    com_conditional_wait(c), com_conditional_timedwait(c, 1), com_conditional_signal(c), com_conditional_close(c);
+    EXPECT_REPORTS(
+        "com_semaphore_lock_ex: ERROR: argument is NULL", "com_semaphore_unlock_ex: ERROR: argument is NULL",
+        "com_semaphore_destroy: ERROR: argument is NULL",
+        "com_semaphore_lock_ex: ERROR: unknown type of semaphore: -2147483646",
+        "com_semaphore_unlock_ex: ERROR: unknown type of semaphore: -2147483646",
+        "com_conditional_wait: ERROR: parameter invalid", "com_conditional_timedwait: ERROR: parameter invalid",
+        "com_conditional_signal: ERROR: parameter invalid", "com_conditional_close: ERROR: parameter invalid");
 }
 
 TEST_F(Semaphores, CountingThreadsBlockAtZero)
@@ -49,13 +44,17 @@ TEST_F(Semaphores, CountingThreadsBlockAtZero)
 
 TEST_F(Semaphores, FailedMakingIsReported)
 {
-    EXPECT_REPORTED(with(allocation, 0, 0, com_semaphore_init), nullptr, "com_semaphore_init: ERROR: low mem");
-    EXPECT_REPORTED(with(allocation, 0, 0, com_semaphore_int_init, 1U), nullptr,
-                    "com_semaphore_int_init: ERROR: low mem");
-    EXPECT_REPORTED(with("pthread_mutex_init", ENOMEM, 0, com_semaphore_init), nullptr,
-                    "com_semaphore_init: ERROR: unable to init. mutex");
-    EXPECT_REPORTED(with("sem_init", -1, EINVAL, com_semaphore_int_init, 1U), nullptr,
-                    "com_semaphore_int_init: ERROR: unable to init. semaphore");
+    const auto expect = [this](const char *function, int64_t result, auto make, const std::string &report) {
+        EXPECT_REPORTED(with(function, result, ENOMEM, make), nullptr, report);
+    };
+    const auto counting = [] { return com_semaphore_int_init(1); };
+    expect(allocation, 0, com_semaphore_init, "com_semaphore_init: ERROR: low mem");
+    expect(allocation, 0, counting, "com_semaphore_int_init: ERROR: low mem");
+    expect(allocation, 0, com_conditional_init, "com_conditional_init: ERROR: low mem");
+    expect("pthread_mutex_init", 12, com_semaphore_init, "com_semaphore_init: ERROR: unable to init. mutex");
+    expect("pthread_mutex_init", 12, com_conditional_init, "com_conditional_init: ERROR: unable to init. mutex 12");
+    expect("sem_init", -1, counting, "com_semaphore_int_init: ERROR: unable to init. semaphore");
+    expect("pthread_cond_init", 12, com_conditional_init, "com_conditional_init: ERROR: unable to init. cond 12");
 }
 
 TEST_F(Semaphores, InterruptedCallsAreTakenUpAgainAndFailedOnesReported)
@@ -84,27 +83,15 @@ TEST_F(Semaphores, InterruptedCallsAreTakenUpAgainAndFailedOnesReported)
 
 // ----------------------------------------------------------------------------------- conditionals
 
-class Conditionals : public ReportingTest {
-protected:
-    /// The ordinary close, by the creator, is told of.
-    void close(com_conditional *c)
-    {
-        com_conditional_close(c);
-        EXPECT_REPORTS("com_conditional_close: ERROR: failed pthread_mutex_destroy");
-    }
-};
-
 TEST_F(Conditionals, CreatorHoldsTheMutexAndThreadsWakeIt)
 {
     com_conditional *c = com_conditional_init();
     EXPECT_EQ(pthread_mutex_trylock(&c->mutex), EBUSY);
     const time_t before = time(nullptr);
-    com_conditional_timedwait(c, 0);
-    com_conditional_timedwait(c, INT32_MIN);
+    com_conditional_timedwait(c, 0), com_conditional_timedwait(c, INT32_MIN);
     EXPECT_LE(time(nullptr), before + 1) << "returns at once";
     com_conditional_signal(c); // nobody waits: forgotten
-    EXPECT_REPORTS();
-    bool signalled = false; // guarded by the mutex; a wait may end without a signal
+    bool signalled = false;    // guarded by the mutex; a wait may end without a signal
     std::thread signaller([c, &signalled] {
         pthread_mutex_lock(&c->mutex); // free only while the creator waits
         signalled = true;
@@ -116,50 +103,27 @@ TEST_F(Conditionals, CreatorHoldsTheMutexAndThreadsWakeIt)
     }
     signaller.join();
     EXPECT_REPORTS();
-    close(c);
+    com_conditional_close(c); // by the creator, who holds the mutex
+    EXPECT_REPORTS("com_conditional_close: ERROR: failed pthread_mutex_destroy");
 }
 
 TEST_F(Conditionals, FailuresAreReported)
 {
-    com_conditional *const none = nullptr;
-    com_conditional_wait(none);
-    com_conditional_timedwait(none, 1);
-    com_conditional_signal(none);
-    com_conditional_close(none);
-    EXPECT_REPORTS(
-        "com_conditional_wait: ERROR: parameter invalid", "com_conditional_timedwait: ERROR: parameter invalid",
-        "com_conditional_signal: ERROR: parameter invalid", "com_conditional_close: ERROR: parameter invalid");
-    const struct {
-        const char *function, *message;
-    } makings[] = {{allocation, "low mem"},
-                   {"pthread_mutex_init", "unable to init. mutex 12"},
-                   {"pthread_cond_init", "unable to init. cond 12"}};
-    for (const auto &m : makings) {
-        const Fault fault(m.function, 1, Failing::once, m.function == allocation ? 0 : ENOMEM);
-        EXPECT_REPORTED(com_conditional_init(), nullptr, std::string("com_conditional_init: ERROR: ") + m.message);
-    }
     com_conditional *c = com_conditional_init();
-    const auto failing = [](const char *function, int result, auto call) {
-        const Fault fault(function, 1, Failing::once, result);
-        call();
-    };
-    failing("pthread_cond_wait", EPERM, [c] { com_conditional_wait(c); });
-    failing("pthread_cond_timedwait", EPERM, [c] { com_conditional_timedwait(c, 1); });
-    failing("gettimeofday", -1, [c] { com_conditional_timedwait(c, 1); });
-    failing("pthread_cond_signal", EINVAL, [c] { com_conditional_signal(c); });
-    failing("pthread_cond_destroy", EBUSY, [c] { com_conditional_close(c); });
+    with("pthread_cond_wait", EPERM, 0, com_conditional_wait, c);
+    for (const char *function : {"pthread_cond_timedwait", "gettimeofday"}) {
+        with(function, EPERM, 0, com_conditional_timedwait, c, 1);
+    }
+    with("pthread_cond_signal", EINVAL, 0, com_conditional_signal, c);
+    with("pthread_cond_destroy", EBUSY, 0, com_conditional_close, c);
     EXPECT_REPORTS("com_conditional_wait: ERROR: pthread_cond_wait failed 1",
                    "com_conditional_timedwait: ERROR: pthread_cond_wait failed 1",
                    "com_conditional_timedwait: ERROR: gettimeofday failed",
                    "com_conditional_signal: ERROR: pthread_cond_signal failed 22",
                    "com_conditional_close: ERROR: failed pthread_cond_destroy",
                    "com_conditional_close: ERROR: failed pthread_mutex_destroy");
-    Fault fault("pthread_mutex_lock", 1, Failing::once, EINVAL);
-    c = com_conditional_init();
-    EXPECT_REPORTS("com_conditional_init: ERROR: pthread_mutex_lock failed 22");
-    fault.struck();
-    com_conditional_close(c);
-    EXPECT_REPORTS();
+    c = with("pthread_mutex_lock", EINVAL, 0, com_conditional_init);
+    EXPECT_REPORTED((com_conditional_close(c), 0), 0, "com_conditional_init: ERROR: pthread_mutex_lock failed 22");
 }
 
 } // namespace

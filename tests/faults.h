@@ -37,6 +37,13 @@ private:
     bool struck_ = false;
 };
 
+/// What an operation gives whose first call of a platform function fails; the report's own calls do not.
+auto with(const char *function, int64_t result, int error, auto operation, auto... arguments)
+{
+    const Fault fault(function, 1, Failing::once, result, error);
+    return operation(arguments...);
+}
+
 /// Calls the operation in a thread of its own, which has kept no records that would spare it an allocation.
 template <class Operation>
 void in_new_thread(Operation operation)
