@@ -21,11 +21,11 @@ constexpr int32_t root_name = 1;
 
 [[gnu::always_inline]] inline void drop_buffer(clpacket *p)
 {
-    if (p->buffer != nullptr) {
+    if (p->buffer != nullptr) { // most often there is none, and no need for a call
         free(p->buffer);
-        p->buffer = nullptr;
-        p->buffer_size = 0;
     }
+    p->buffer = nullptr;
+    p->buffer_size = 0;
 }
 
 /// Lets the fields go: owned ones are freed, borrowed ones stay with their owner.

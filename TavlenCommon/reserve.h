@@ -1,8 +1,8 @@
 /*
  * Internal: released records, kept by the thread that released them for the next ones it needs.
  *
- * A log event is a packet of half a dozen such records, made and released for every line; keeping a
- * few costs a tenth of what malloc and free do. Each record stays a block of its own, which free()
+ * A sender makes and releases half a dozen such records for every line; keeping a few costs a sixth
+ * of the instructions of malloc and free. Each record stays a block of its own, which free()
  * accepts: who gets one need not know where it came from. What a thread keeps is bounded, and freed
  * when the thread ends.
  */
@@ -58,6 +58,7 @@ owned<Record> take_record()
 template <class Record>
 inline void release_record(Record *record)
 {
+    static_assert(most_kept<Record> > 0, "say how many of these a thread keeps");
     Reserve &reserve = reserve_of<Record>;
     if (reserve.room == 0) [[unlikely]] {
         release_to_new_reserve(&reserve, most_kept<Record>, record);

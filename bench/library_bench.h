@@ -31,7 +31,7 @@ inline const std::string &record_text()
 class ScratchFile {
 public:
     ScratchFile()
-        : path_(folder() + "/library_bench.XXXXXX"),
+        : path_(folder() + "/library_bench.XXXXXX"), // mkostemp fills it in
           fd_(mkostemp(path_.data(), O_APPEND | O_CLOEXEC))
     {
     }

@@ -43,6 +43,7 @@ bool interrupted()
 TemporaryFolder::TemporaryFolder()
 {
     const char *parent = getenv("TMPDIR");
+    // What mkdtemp fills in.
     std::string name = std::string(parent != nullptr ? parent : "/tmp") + "/collector_bench.XXXXXX";
     path_ = mkdtemp(name.data()) != nullptr ? name : "";
 }

@@ -89,7 +89,7 @@ public:
     void expect_output(const std::string &more) { expect_lines(file("output"), expected_output_ += more); }
 
 private:
-    std::string folder_ = "/tmp/tavlen-test-XXXXXX";
+    std::string folder_ = "/tmp/tavlen-test-XXXXXX"; // mkdtemp fills it in
     pid_t pid_ = -1;
     int status_ = 0;
     std::string expected_output_;
@@ -361,7 +361,7 @@ int64_t log(size_t records)
 TEST(Instructions, PerRecordStayWithinTheBudget)
 {
     if (system("valgrind --version >/dev/null 2>&1") != 0) {
-        GTEST_SKIP() << "valgrind is missing";
+        GTEST_SKIP() << "valgrind is missing"; // nothing else counts instructions
     }
     const auto per_record = [](int64_t (*run)(size_t)) { return (run(3000) - run(1000)) / 2000; };
     const int64_t collected = per_record(collect), logged = per_record(log);
@@ -377,7 +377,7 @@ TEST(CollectorProcess, SyslogGetsTheLine)
 {
     if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
         mount("none", "/dev", "tmpfs", 0, nullptr) != 0) {
-        GTEST_SKIP() << "this machine refuses a mount namespace";
+        GTEST_SKIP() << "this machine refuses a mount namespace"; // and /dev/log is not the test's own
     }
     const int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     const sockaddr_un place{AF_UNIX, "/dev/log"};

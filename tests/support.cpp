@@ -35,7 +35,7 @@ std::string read_file(const std::string &path)
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-TemporaryFile::TemporaryFile(const std::string &content) : path_("/tmp/tavlen-test-XXXXXX")
+TemporaryFile::TemporaryFile(const std::string &content) : path_("/tmp/tavlen-test-XXXXXX") // mkstemp fills it in
 {
     close(mkstemp(path_.data()));
     std::ofstream(path_) << content;
