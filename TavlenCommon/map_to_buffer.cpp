@@ -229,12 +229,9 @@ void link_element(mtb_struct *structr, mtb_element *e)
 }
 
 /// The first element of that name and type; inlined, as it is on the way of every field.
-[[gnu::always_inline]] inline mtb_element *find_head(mtb_chain *chain, uint16_t name, uint8_t type)
+[[gnu::always_inline]] inline mtb_element *find_in(const mtb_chain *chain, uint16_t name,
+                                                   uint8_t type)
 {
-    if (chain == nullptr) [[unlikely]] {
-        LPRINTF("ERROR: invalid argument 'buffer'");
-        return nullptr;
-    }
     mtb_element *e = chain->first;
     while (e != nullptr && (e->name != name || e->type != type)) {
         e = e->next;
@@ -242,10 +239,21 @@ void link_element(mtb_struct *structr, mtb_element *e)
     return e;
 }
 
-[[gnu::always_inline]] inline mtb_element *find_element(mtb_struct *structr, int32_t name,
+/// The same in a structure that is known to have a chain.
+[[gnu::always_inline]] inline mtb_element *find_element(const mtb_struct *structr, int32_t name,
                                                         uint8_t type)
 {
-    return find_head(structr != nullptr ? structr->buffer : nullptr, cut_name(name), type);
+    return find_in(structr->buffer, cut_name(name), type);
+}
+
+/// The same in a structure that may be missing.
+mtb_element *find_head(const mtb_struct *structr, int32_t name, uint8_t type)
+{
+    if (is_missing(structr)) {
+        LPRINTF("ERROR: invalid argument 'buffer'");
+        return nullptr;
+    }
+    return find_element(structr, name, type);
 }
 
 /// The element that an adder replaces, if any.
@@ -282,7 +290,7 @@ void mtb_struct_destroy(mtb_struct *structr)
 
 int32_t mtb_element_exists(int32_t name, uint8_t type, mtb_struct *structr)
 {
-    return find_element(structr, name, type) != nullptr ? 1 : 0;
+    return find_head(structr, name, type) != nullptr ? 1 : 0;
 }
 
 // --------------------------------------------------------------------------------------- adding
@@ -377,7 +385,7 @@ owned<char> copy_text(const void *bytes, int32_t len)
 int32_t add_string(uint16_t name, const char *bytes, int32_t len, mtb_chain *chain, bool replace)
 {
     owned<char> text = copy_text(bytes, len); // first: the bytes may be the present element's own
-    mtb_element *present = replace ? find_head(chain, name, MTB_TYPE_STRING) : nullptr;
+    mtb_element *present = replace ? find_in(chain, name, MTB_TYPE_STRING) : nullptr;
     if (text != nullptr && present != nullptr) {
         release_text(present->value.text);
         present->value.text = text.release();
@@ -596,7 +604,7 @@ int32_t mtb_add_array_struct(int32_t name, mtb_struct *child, mtb_struct *struct
         LPRINTF("ERROR: param 'structr' is uninitialized.");
         return MTB_BAD_ARG;
     }
-    mtb_element *array = find_element(structr, name, MTB_TYPE_STRUCT_ARRAY);
+    mtb_element *array = find_head(structr, name, MTB_TYPE_STRUCT_ARRAY);
     if (structr->buffer == nullptr) {
         return MTB_BAD_ARG; // find_head has told
     }

@@ -31,13 +31,10 @@ namespace {
 
 constexpr int32_t no_descriptor = -1;
 
-/// Closes and frees without a word; for locks that were never made, too.
+/// For an object without a descriptor, and for locks that were never made, too.
 struct FreeSock {
     void operator()(sock *s) const
     {
-        if (s->fd != no_descriptor) {
-            (void)close(s->fd);
-        }
         for (com_semaphore **lock : {&s->sem_read, &s->sem_write, &s->sem_ref}) {
             if (*lock != nullptr) {
                 com_semaphore_destroy(*lock);

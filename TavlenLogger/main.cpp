@@ -144,5 +144,7 @@ int main(int argc, char **argv)
     }
     ask_for_receive_buffer(listener);
     LPRINTF("Logger started (revision %s)...", revision);
-    return msg_recv_loop(listener);
+    const int32_t status = msg_recv_loop(listener);
+    sock_close(listener);
+    return status;
 }

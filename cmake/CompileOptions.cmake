@@ -16,10 +16,20 @@ set(CMAKE_CXX_FLAGS_RELEASE "-O2 -g")
 
 add_compile_options(
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wformat=2 -Wundef -Wcast-qual -Werror
-  -fstack-protector-strong
-  # Records show where they came from; the build machine's folders are nobody's business.
-  -ffile-prefix-map=${PROJECT_SOURCE_DIR}/= -ffile-prefix-map=${PROJECT_BINARY_DIR}=build)
+  -fstack-protector-strong)
 add_link_options(-Wl,-z,relro,-z,now -Wl,--as-needed)
+
+if(TAVLEN_COVERAGE)
+  # Counts are looked up by the sources' full names. Each branch is counted once, not once for each
+  # place that it is inlined to.
+  add_compile_options(--coverage -fprofile-update=atomic -O1 -fno-inline -Dalways_inline=noinline
+    -DTAVLEN_COVERAGE)
+  add_link_options(--coverage)
+else()
+  # Records show where they came from; the build machine's folders are nobody's business.
+  add_compile_options(
+    -ffile-prefix-map=${PROJECT_SOURCE_DIR}/= -ffile-prefix-map=${PROJECT_BINARY_DIR}=build)
+endif()
 
 if(TAVLEN_SANITIZE)
   add_compile_options(-fsanitize=${TAVLEN_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)

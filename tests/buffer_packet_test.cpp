@@ -11,9 +11,22 @@ using BufferPacket = DatagramTest;
 const std::vector<uint8_t> number_5 = bytes("00 01 01 00 00 00 01 00 01 06 00 00 00 05");
 const std::string invalid = ": ERROR: invalid argument";
 const std::string no_packet = ": ERROR: invalid argument: clpacket";
+const std::string no_value = invalid + ": val";
+const std::string too_short = "get_binary_buffer_element_name: ERROR: wrong buffer size: 1";
+const std::string undecoded = "clpacket_deserialize: ERROR: failed to deserialize packet";
 const std::string parameter = ": ERROR: invalid parameter";
 const std::string no_text = "clpacket_set_string: ERROR: invalid arguments: len or val";
 const std::string bad_blob = "mtb_add_blob: ERROR: invalid length specified: -2147483648";
+
+// A call on p, which can be decoded: its result, the state it leaves, its report; then p refuses it in silence.
+#define EXPECT_REFUSED(call, result, state, report)                                                                    \
+    do {                                                                                                               \
+        const Packet p = received(number_5);                                                                           \
+        EXPECT_EQ(call, result);                                                                                       \
+        EXPECT_REPORTED(call, -1, report);                                                                             \
+        EXPECT_EQ(p->error_state, state) << #call;                                                                     \
+        EXPECT_NE(p->buffer, nullptr) << "a failure keeps the bytes";                                                  \
+    } while (0)
 
 TEST_F(BufferPacket, NullAndEmptyPacketsHaveNothingToGive)
 {
@@ -29,6 +42,13 @@ TEST_F(BufferPacket, NullAndEmptyPacketsHaveNothingToGive)
                    "check_clpacket_structr_set" + no_packet, "check_clpacket_structr_get" + no_packet,
                    "clpacket_send_prepare" + no_packet, "clpacket_recv_prepare" + invalid,
                    "clpacket_destroy: ERROR: already free", "clpacket_get_buffer_size" + parameter);
+#define EXPECT_NULL_REFUSED(suffix, ctype, code, member)                                                               \
+    EXPECT_EACH(-1, clpacket_set_##suffix(nullptr, 1, 3), clpacket_get_##suffix(nullptr, 1, nullptr));                 \
+    EXPECT_REPORTS("check_clpacket_structr_set" + no_packet, "check_clpacket_structr_get" + no_packet);                \
+    EXPECT_REFUSED(clpacket_get_##suffix(p, 1, nullptr), -1, -2, "check_clpacket_structr_get" + no_value);             \
+    EXPECT_EQ(clpacket_set_##suffix(Packet(received({0})), 1, 3), -1);                                                 \
+    EXPECT_REPORTS(too_short, undecoded, "check_clpacket_structr_set: ERROR: deserialize failed");
+    TAVLEN_SCALAR_TYPES(EXPECT_NULL_REFUSED)
     const Packet p = clpacket_create();
     EXPECT_EACH(0, clpacket_get_type(p), clpacket_set_type(p, 0xffffffff));
     EXPECT_EACH(-1, clpacket_get_type(p), clpacket_alloc_buffer(p, 0), clpacket_deserialize(p),
@@ -50,16 +70,6 @@ TEST_F(BufferPacket, NullAndEmptyPacketsHaveNothingToGive)
                    "clpacket_recv_prepare" + invalid + ": sock");
 }
 
-// A call on p, which can be decoded: its result, the state it leaves, its report; then p refuses it in silence.
-#define EXPECT_REFUSED(call, result, state, report)                                                                    \
-    do {                                                                                                               \
-        const Packet p = received(number_5);                                                                           \
-        EXPECT_EQ(call, result);                                                                                       \
-        EXPECT_REPORTED(call, -1, report);                                                                             \
-        EXPECT_EQ(p->error_state, state) << #call;                                                                     \
-        EXPECT_NE(p->buffer, nullptr) << "a failure keeps the bytes";                                                  \
-    } while (0)
-
 TEST_F(BufferPacket, RefusedCallsLeaveTheirCodeAndNothingElse)
 {
     char *text = nullptr;
@@ -67,7 +77,6 @@ TEST_F(BufferPacket, RefusedCallsLeaveTheirCodeAndNothingElse)
     uint32_t len = 0;
     const Packet empty = clpacket_create();
     const std::string no_len = invalid + ": len";
-    const std::string no_value = invalid + ": val";
     const std::string missing = ": ERROR: element with name 1 not found";
     const std::string no_item = "mtb_get_array_element: ERROR: invalid element position parameter -1";
     EXPECT_REFUSED(clpacket_set_string(p, 1, "x", -1), -1, -2, no_text);
@@ -91,16 +100,21 @@ TEST_F(BufferPacket, RefusedCallsLeaveTheirCodeAndNothingElse)
 
 TEST_F(BufferPacket, BytesThatDoNotDecode)
 {
-    const std::string too_short = "get_binary_buffer_element_name: ERROR: wrong buffer size: 1";
-    const std::string failed = "clpacket_deserialize: ERROR: failed to deserialize packet";
     const Packet p = received({0});
     const Packet parent = received(number_5);
     EXPECT_EACH(-1, clpacket_set_complex(parent, 1, p), parent->error_state);
     EXPECT_EACH(-1, clpacket_set_enum(received({0}), 1, 1));
     parent->buffer_size = 0x80000000;
     EXPECT_EQ(clpacket_deserialize(parent), -1);
-    EXPECT_REPORTS(too_short, failed, "check_complex_val: ERROR: deserialize failed.", too_short, failed,
-                   "check_clpacket_structr_set: ERROR: deserialize failed", failed);
+    EXPECT_REPORTS(too_short, undecoded, "check_complex_val: ERROR: deserialize failed.", too_short, undecoded,
+                   "check_clpacket_structr_set: ERROR: deserialize failed", undecoded);
+    // It decodes and has a size, but a number cannot be encoded as a member of an array of structures.
+    const Packet other = received(bytes("00 01 01 00 00 00 01 00 06 1c 00 00 00 01 00 06 08 41 41 41 41 41 41 41 41"));
+    EXPECT_EQ(clpacket_deserialize(other), 0);
+    EXPECT_EQ(clpacket_serialize(other), -1);
+    EXPECT_EQ(take_reports().back(), "clpacket_serialize: ERROR: failed to serialize packet");
+    EXPECT_EQ(clpacket_get_buffer(nullptr), nullptr);
+    EXPECT_REPORTS("clpacket_get_buffer" + parameter);
 }
 
 TEST_F(BufferPacket, FieldsOfEveryType)

@@ -7,6 +7,8 @@
 #include "faults.h"
 #include "network.h"
 
+int collector_main(int argc, char **argv);
+
 namespace {
 
 using Collector = DatagramTest;
@@ -64,6 +66,50 @@ TEST_F(Collector, ReadsInPlaceAsItWouldDecode)
     EXPECT_GT(accepted, 200U);
 }
 
+/// As before the start.
+void forget_settings()
+{
+    free(std::exchange(config_e, nullptr));
+    const logger_settings all = std::exchange(*config_get_settings(), {});
+    for (char *text : {all.ListenAddr, all.ListenPort, all.LogFileName, all.RemoteLoggerAddr, all.RemoteLoggerPort}) {
+        free(text);
+    }
+}
+
+/// The exit status, when it ends.
+int32_t start_collector(std::vector<const char *> arguments)
+{
+    logger_close();
+    const int32_t status = collector_main(static_cast<int>(arguments.size()), const_cast<char **>(arguments.data()));
+    forget_settings();
+    return status & 255;
+}
+
+// It ends with a status, and listens only with all that it was told.
+TEST_F(Collector, StartsWholeOrEnds)
+{
+    Capture output(STDOUT_FILENO);
+    const TemporaryFile config("ListenPort=0\nDefaultLogDest=3\n");
+    fail_each_allocation([&](Fault &fault) {
+        const int32_t status = start_collector({"c", "-a", "127.0.0.1", "-p", "none", "-c", config.path()});
+        const bool struck = fault.struck();
+        EXPECT_TRUE(status == 4 || (status == 255 && struck)) << status;
+    });
+    bool started = false;
+    for (int n = 1; !started && n < 100; ++n) { // with one more it would wait for a datagram
+        Fault fault(allocation, n, Failing::from_then_on);
+        const int32_t status = start_collector({"c", "-a", "127.0.0.1", "-c", config.path()});
+        EXPECT_TRUE((status == 255 || status == 4) && fault.struck());
+        const std::string said = testing::PrintToString(take_reports());
+        started = said.find("main: Logger started") != std::string::npos;
+        EXPECT_TRUE(!started || said.find("msg_recv_loop: ") != std::string::npos) << said;
+    }
+    EXPECT_TRUE(started) << "with that much memory";
+    EXPECT_EQ(start_collector({"c", "-h", "c"}), 255);
+    logger_open();
+    take_reports();
+}
+
 TEST_F(Collector, SettingsWithoutMemoryAreNotPublished)
 {
     fail_each_allocation([](Fault &fault) {
@@ -72,14 +118,7 @@ TEST_F(Collector, SettingsWithoutMemoryAreNotPublished)
         EXPECT_EQ(config_e != nullptr, result == 0);
         EXPECT_TRUE(struck || (result == 0 && config_init() == -1)) << "set once";
         EXPECT_TRUE(struck || strcmp(config_get_settings()->ListenAddr, "0.0.0.0") == 0);
-        free(config_e);
-        config_e = nullptr;
-        logger_settings *all = config_get_settings();
-        for (char *text :
-             {all->ListenAddr, all->ListenPort, all->LogFileName, all->RemoteLoggerAddr, all->RemoteLoggerPort}) {
-            free(text);
-        }
-        *all = logger_settings{};
+        forget_settings();
     });
     config_set(nullptr);
     EXPECT_REPORTED(config_set_cmd_arg("-p", "1"), -1, "config_set_cmd_arg: ERROR: config_e is NULL");

@@ -1,5 +1,6 @@
 #include "faults.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
@@ -55,6 +56,12 @@ bool Fault::strikes(const char *function, int64_t *result)
          return Fault::strikes(kind, &result) ? (type)result : __real_##function arguments;)
 #define FAULTABLE(type, function, parameters, arguments) FAULTABLE_AS(#function, type, function, parameters, arguments)
 
+/// The part of so many bytes that the platform takes or gives at once.
+static size_t piece(size_t size)
+{
+    return std::min(size, fake_platform.most_bytes);
+}
+
 FAULTABLE_AS(allocation, void *, malloc, (size_t size), (size))
 FAULTABLE_AS(allocation, void *, calloc, (size_t count, size_t size), (count, size))
 FAULTABLE_AS(allocation, void *, realloc, (void *block, size_t size), (block, size))
@@ -80,6 +87,25 @@ FAULTABLE(int, setsockopt, (int fd, int l, int o, const void *v, socklen_t n), (
 FAULTABLE(int, bind, (int fd, const sockaddr *address, socklen_t size), (fd, address, size))
 FAULTABLE(int, listen, (int fd, int backlog), (fd, backlog))
 FAULTABLE(int, connect, (int fd, const sockaddr *address, socklen_t size), (fd, address, size))
+FAULTABLE(int, accept4, (int fd, sockaddr *address, socklen_t *size, int flags), (fd, address, size, flags))
+FAULTABLE(int, shutdown, (int fd, int how), (fd, how))
+FAULTABLE(int, getsockopt, (int fd, int l, int o, void *v, socklen_t *n), (fd, l, o, v, n))
+FAULTABLE(int, getsockname, (int fd, sockaddr *address, socklen_t *size), (fd, address, size))
+FAULTABLE(int, getpeername, (int fd, sockaddr *address, socklen_t *size), (fd, address, size))
+FAULTABLE(int, getnameinfo, (const sockaddr *a, socklen_t n, char *h, socklen_t hn, char *s, socklen_t sn, int f),
+          (a, n, h, hn, s, sn, f))
+FAULTABLE(ssize_t, send, (int fd, const void *data, size_t n, int f), (fd, data, piece(n), f))
+FAULTABLE(ssize_t, recv, (int fd, void *data, size_t n, int f), (fd, data, piece(n), f))
+FAULTABLE(ssize_t, write, (int fd, const void *data, size_t n), (fd, data, piece(n)))
+FAULTABLE(ssize_t, sendto, (int fd, const void *data, size_t n, int f, const sockaddr *a, socklen_t an),
+          (fd, data, n, f, a, an))
+FAULTABLE(ssize_t, recvfrom, (int fd, void *data, size_t n, int f, sockaddr *a, socklen_t *an), (fd, data, n, f, a, an))
+FAULTABLE(int, open, (const char *path, int flags, mode_t mode), (path, flags, mode))
+FAULTABLE(int, pthread_setspecific, (pthread_key_t key, const void *value), (key, value))
+FAULTABLE(int, vsnprintf, (char *text, size_t size, const char *format, va_list args), (text, size, format, args))
+FAULTABLE_AS("vsnprintf", int, __vsnprintf_chk,
+             (char *text, size_t size, int flag, size_t room, const char *format, va_list args),
+             (text, size, flag, room, format, args))
 
 static addrinfo *made_up_addresses(const std::vector<int> &families, int type)
 {
@@ -94,8 +120,8 @@ WRAP(int, getaddrinfo, (const char *server, const char *port, const addrinfo *hi
      *list = made_up_addresses(fake_platform.families, hints->ai_socktype);
      return !fake_platform.families.empty() ? 0 : __real_getaddrinfo(server, port, hints, list);)
 WRAP(void, freeaddrinfo, (addrinfo * list), if (fake_platform.families.empty()) __real_freeaddrinfo(list);)
-WRAP(int, select, (int count, fd_set *rd, fd_set *wr, fd_set *ex, timeval *timeout), fake_platform.selected = count;
-     return __real_select(count, rd, wr, ex, timeout);)
+FAULTABLE(int, select, (int count, fd_set *rd, fd_set *wr, fd_set *ex, timeval *timeout),
+          (fake_platform.selected = count, rd, wr, ex, timeout))
 WRAP(unsigned, sleep, (unsigned), ++fake_platform.sleeps; return 0;)
 WRAP(time_t, time, (time_t * t), return fake_platform.now != 0 ? fake_platform.now : __real_time(t);)
 

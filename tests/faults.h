@@ -70,11 +70,12 @@ void fail_each_allocation(Operation operation)
 
 /// What stands in for the platform's clock, sleep and syslog.
 struct FakePlatform {
-    int64_t now = 0;             ///< what time() gives; 0: the real time
-    std::atomic<int> sleeps = 0; ///< calls of sleep(), which returns at once
-    std::string syslog;          ///< the calls of openlog() and syslog(), a line each
-    std::vector<int> families;   ///< unless empty: of the addresses that getaddrinfo() gives
-    int selected = 0;            ///< the count that select() was last called with
+    int64_t now = 0;              ///< what time() gives; 0: the real time
+    std::atomic<int> sleeps = 0;  ///< calls of sleep(), which returns at once
+    std::string syslog;           ///< the calls of openlog() and syslog(), a line each
+    std::vector<int> families;    ///< unless empty: of the addresses that getaddrinfo() gives
+    size_t most_bytes = SIZE_MAX; ///< that one send(), recv() or write() moves
+    int selected = 0;             ///< the count that select() was last called with
 };
 extern FakePlatform fake_platform;
 

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <TavlenCommon/com_packet.h>
+#include <TavlenCommon/owned.h>
 
 #include "faults.h"
 #include "support.h"
@@ -60,7 +61,9 @@ protected:
 TEST_F(Logger, ClosedItWritesToStandardErrorAfterAWarning)
 {
     EXPECT_EQ(log_to(LOG_DEST_STDERR, nullptr), LOG_DEST_STDERR);
-    EXPECT_REPORTED(logger_open(), -1, "n: line", "logger_open: WARNING: logger is already initialized");
+    EXPECT_STREQ(tavlen::owned<char>(with("vsnprintf", -1, EOVERFLOW, _lprintf_fmt, "lost")).get(), "");
+    EXPECT_REPORTED(with("vsnprintf", -1, EOVERFLOW, logger_set_name, nullptr), -1, "n: line", "logger_set_name: ");
+    EXPECT_REPORTED(logger_open(), -1, "logger_open: WARNING: logger is already initialized");
     logger_close();
     EXPECT_EQ(get_log_dest(), -1);
     EXPECT_REPORTED(logger_set_config(1, 1), 0, "logger_set_config: WARNING: logger is not initialized");
@@ -123,6 +126,28 @@ TEST_F(Logger, RefusedDestinationsKeepTheOthers)
         remote + "wrong address ([::1]:(null)) ignored");
     EXPECT_REPORTED(log_to(17, nullptr, "256.0.0.1"), 17, "socket_close: WARNING: socket is closed",
                     remote + "log socket ([256.0.0.1]:27759) not created");
+}
+
+TEST_F(Logger, FailedAndShortWritesToItsFile)
+{
+    const TemporaryFile file;
+    std::string written;
+    for (const int error : {EACCES, EMFILE, EROFS}) {
+        const Fault fault("open", -1, error);
+        EXPECT_REPORTED(log_to(LOG_DEST_FILE, file.path()), LOG_DEST_FILE,
+                        std::string("setup_file_log_dest: file logging disabled: log file (") + file.path() +
+                            ") not opened: " + strerror(error));
+    }
+    for (const int error : {EINTR, ENOSPC, EIO, 0}) { // only an interrupted write is taken up again
+        const Fault fault("write", 1, Failing::once, error != 0 ? -1 : 0, error);
+        fake_platform.most_bytes = 3;
+        EXPECT_EQ(log_to(LOG_DEST_FILE, file.path()), LOG_DEST_FILE);
+        EXPECT_EQ(file.content(), written += error == EINTR ? "n: line\n" : "");
+        EXPECT_EQ(log_to(LOG_DEST_FILE, file.path()), LOG_DEST_FILE);
+        EXPECT_EQ(file.content(), written += "n: line\n") << "nothing comes up later";
+        fake_platform.most_bytes = SIZE_MAX;
+    }
+    EXPECT_REPORTS();
 }
 
 // The reports of its lock must neither ask for the lock again nor be limited.
@@ -220,7 +245,7 @@ TEST_F(Logger, EachLineIsOneEventWithoutItsLineFeed)
         EXPECT_EQ(_lprintf_raw((line + "\n").c_str(), static_cast<int32_t>(line.size()) + 1), 0);
         EXPECT_TRUE(collector_gets("me", line)) << line;
     }
-    EXPECT_EQ(_lprintf_raw("no line feed", 12) + _lprintf_raw("", 0), 0);
+    EXPECT_EQ(_lprintf_raw("no line feed", 12) + _lprintf_raw("", 0) + _lprintf_raw(nullptr, 5), 0);
     EXPECT_TRUE(collector_gets("me", "no line feed") && collector_gets("me", ""));
 }
 

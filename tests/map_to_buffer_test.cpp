@@ -80,19 +80,29 @@ TEST(Chain, LinksBothWays)
     chain_prepend(&chain, &a);
     EXPECT_EACH(&b, chain_next(&chain, chain_first(&chain)), chain_find(&chain, is, &b));
     chain_unlink(&chain, &b);
-    EXPECT_TRUE(chain_next(&chain, &a) == &c && chain_pop_last(&chain) == &c && chain_pop_last(&chain) == &a);
-    EXPECT_EACH(nullptr, chain_pop_last(&chain), chain_pop_first(&chain), chain_find(&chain, is, &b), chain.last);
+    EXPECT_TRUE(chain_next(&chain, &a) == &c && chain_pop_first(&chain) == &a && chain_pop_last(&chain) == &c);
+    chain_append(&chain, &b);
+    EXPECT_EACH(&b, chain_first(&chain), chain.last, chain_pop_first(&chain));
+    EXPECT_EACH(nullptr, chain_pop_last(&chain), chain_pop_first(&chain), chain_find(&chain, is, &b), chain.last,
+                chain_next(&chain, nullptr), chain_next(nullptr, &b));
 }
 
 TEST_F(MapToBuffer, ScalarsAreAddedReplacedAndReadByNameAndType)
 {
     mtb_value v{}, w{};
+    const std::string check = "check_getter_params: ERROR: parameter ";
 #define EXPECT_SCALAR(suffix, ctype, code, member)                                                                     \
     EXPECT_FAILURE(-5, mtb_get_##suffix, (65538, &v.member, s), "element with name 2 not found");                      \
     EXPECT_EACH(0, mtb_add_##suffix(2, 3, s), mtb_add_##suffix(65538, static_cast<ctype>(-7), s),                      \
                 mtb_get_##suffix(2, &v.member, s), mtb_get_##suffix(1, &w.member, nested));                            \
     EXPECT_EACH(static_cast<ctype>(-7), v.member, w.member);                                                           \
-    EXPECT_REPORTED(mtb_add_##suffix(2, 3, nullptr), -2, "mtb_add_" #suffix MISSING);
+    EXPECT_EACH(-2, mtb_add_##suffix(2, 3, nullptr), mtb_add_##suffix(2, 3, &no_chain),                                \
+                mtb_get_##suffix(2, nullptr, nullptr), mtb_get_##suffix(2, &v.member, nullptr),                        \
+                mtb_get_##suffix(2, &v.member, &no_chain));                                                            \
+    EXPECT_REPORTS("mtb_add_" #suffix MISSING, "mtb_add_" #suffix MISSING, check + "'val' should not be NULL",         \
+                   check + "'structr' should not be NULL", check + "'structr' is uninitialized or damaged");           \
+    in_new_thread([this] { EXPECT_EQ(with(allocation, 0, 0, [this] { return mtb_add_##suffix(3, 3, s); }), -1); });    \
+    EXPECT_REPORTS("mtb_add_" #suffix ": ERROR: low memory");
     TAVLEN_SCALAR_TYPES(EXPECT_SCALAR)
 }
 
@@ -125,6 +135,10 @@ TEST_F(MapToBuffer, RefusedArgumentsInOrder)
     EXPECT_FAILURE(-2, mtb_add_array, (1, "x", -1, 28, s), "illegal array length specified: -1");
     EXPECT_FAILURE(-2, mtb_add_array, (1, "x", 1, 28, s), "unknown element type specified 28");
     EXPECT_FAILURE(-2, mtb_add_array, (1, texts, 2, MTB_TYPE_STRING_ARRAY, s), "param 'val' is NULL");
+    EXPECT_EACH(-2, mtb_add_struct(1, nullptr, s), mtb_add_struct(1, s, nullptr), mtb_add_array_struct(1, s, s),
+                mtb_add_array_struct(1, s, nullptr), mtb_free_deserialized_packet(nullptr));
+    EXPECT_REPORTS("mtb_add_struct" MISSING, "mtb_add_struct" MISSING, "mtb_add_array_struct" MISSING,
+                   "mtb_add_array_struct" MISSING, "mtb_free_deserialized_packet" MISSING);
     EXPECT_REPORTED(mtb_add_array_struct(1, s, &no_chain), -2, "find_head: ERROR: invalid argument 'buffer'");
     EXPECT_REPORTED(mtb_element_exists(1, 6, nullptr), 0, "find_head: ERROR: invalid argument 'buffer'");
     EXPECT_FAILURE(-2, mtb_calc_serialized_packet_size, (s, nullptr), "param 'size' is NULL");
@@ -145,6 +159,8 @@ TEST_F(MapToBuffer, GettersRefuseInOrderAndLeaveVariablesAlone)
     EXPECT_FAILURE(-2, mtb_get_string, (8, &text, nullptr, s), "param 'len' is NULL");
     EXPECT_FAILURE(-2, mtb_get_array_len, (8, nullptr, 19, &no_chain), "param 'structr' is NULL");
     EXPECT_FAILURE(-2, mtb_get_array_len, (8, nullptr, 19, s), "param 'len' is NULL");
+    EXPECT_FAILURE(-5, mtb_get_array_len, (65536 + 8, &len, 19, s), "element with name 8 and type 19 not found");
+    EXPECT_REPORTED(mtb_get_array(8, nullptr, nullptr, 19, s), -2, check + "'val' should not be NULL");
     EXPECT_FAILURE(-2, mtb_get_array, (8, &data, nullptr, 19, s), "parameter 'len' is NULL");
     EXPECT_FAILURE(-5, mtb_get_string, (65536 + 8, &text, &len, s), "element with name 8 not found");
     EXPECT_FAILURE(-5, mtb_get_blob, (8, &data, &len, s), "element with name 8 not found");
@@ -270,7 +286,7 @@ TEST_F(MapToBuffer, NestingIsLimitedAndFitsASmallStack)
 {
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) && !defined(TAVLEN_COVERAGE)
     pthread_attr_setstacksize(&attributes, 256 * 1024);
 #endif
     pthread_t thread;
@@ -319,6 +335,13 @@ TEST_F(MapToBuffer, DamagedStructuresAreReportedAtEveryLevelAndReleasedWhole)
                     "binaryze_struct: ERROR: failed to binarize structure");
     EXPECT_REPORTED(mtb_free_deserialized_packet(s), MTB_OK, "mtb_free_deserialized_packet" MISSING, not_freed, warning,
                     "mtb_struct_destroy: ERROR: NULL pointer: structr->buffer");
+    mtb_add_array(3, texts, 1, 27, s);
+    s.root->buffer->first->len = 2; // and holds one
+    EXPECT_REPORTED(mtb_get_array(3, &data, &len, 27, s), MTB_BAD_DATA,
+                    "get_string_array: ERROR: string array buffer element corruption");
+    EXPECT_REPORTED(mtb_get_array_element(1, 3, &item, 27, s), MTB_BAD_DATA,
+                    "get_string_array: ERROR: string array buffer element corruption");
+    EXPECT_TRUE(data == nullptr && item == this);
 }
 
 // Kept for the thread's next structures: the records of short ones only. Under the address sanitizer nothing is.
@@ -344,6 +367,11 @@ TEST_F(MapToBuffer, ThreadsReuseRecords)
         mtb_struct *next = mtb_struct_new(1);
         EXPECT_EQ(fill(next, 1000), kept);
         mtb_free_deserialized_packet(next), mtb_struct_destroy(next), take_reports();
+    });
+    in_new_thread([this] { // whose end cannot be told frees at once
+        with("pthread_setspecific", ENOMEM, 0, mtb_struct_destroy, mtb_struct_new(1));
+        EXPECT_EQ(with(allocation, 0, 0, mtb_struct_new, 1), nullptr);
+        EXPECT_REPORTS("mtb_struct_new: ERROR: low memory");
     });
 }
 

@@ -1,5 +1,7 @@
 #include <cerrno>
 #include <fcntl.h>
+#include <functional>
+#include <netdb.h>
 #include <TavlenCommon/owned.h>
 #include <unistd.h>
 
@@ -64,6 +66,7 @@ TEST_F(Sockets, LifeAndReferences)
 
     s = sock_socket(AF_INET, SOCK_DGRAM, 0);
     EXPECT_EQ(with("close", -1, EIO, [s] { return socket_close(s), s->fd; }), -1);
+    EXPECT_EQ(with("socket", -1, EMFILE, sock_socket, AF_INET, 2, 0), nullptr);
     EXPECT_EQ(sock_get_sock_type(s), -1);
     EXPECT_EQ((sock_disconnect(s), s->error), 0);
     com_semaphore *const lock = std::exchange(s->sem_ref, nullptr);
@@ -91,6 +94,63 @@ TEST_F(Sockets, QueriesKeepTheErrorOfFailedCalls)
     EXPECT_EQ(listener->error, EFAULT);
     EXPECT_EQ(sock_getpeername_str(sender, text, sizeof text), 0);
     EXPECT_EQ(text, "127.0.0.1:" + port_of(listener));
+}
+
+// What a platform's call gives when it fails or does less, by the object's error (77 before) and the reports.
+TEST_F(Sockets, FailedCallsLeaveTheirErrorAndNoLock)
+{
+    uint32_t size = 77, type = 77;
+    char text[64] = "";
+    const sockaddr_in any{};
+    socklen_t length = sizeof any;
+    const auto peer = [&] { return sock_getpeername_str(sender, text, sizeof text); };
+    const auto name = [&] { return sock_getsockname(sender, nullptr, &length); };
+    const auto option = [&] { return sock_setsockopt(sender, SOL_SOCKET, SO_KEEPALIVE, &length, sizeof length); };
+    const auto kind = [&] { return sock_get_sock_type(sender); };
+    const auto transmit = [&] { return sock_sendto(sender, "data", 4, 1, nullptr, 0); };
+    const auto part = [&] { return static_cast<int32_t>(sock_send(sender, "data", 4, 0)); };
+    const auto some = [&] { return static_cast<int32_t>(sock_recv(sender, text, 4, 0)); };
+    const auto receive = [&] { return sock_recvfrom(sender, &size, &type, nullptr, nullptr) == nullptr ? -1 : 0; };
+    const auto none = [&] { return sock_select(nullptr, nullptr, nullptr, nullptr); };
+    const auto end = [&] { return sock_disconnect(sender), 0; };
+    const struct {
+        const char *function;
+        int64_t gives;
+        int error;
+        std::function<int32_t()> call;
+        int32_t result, kept;
+        Reports reports = {};
+    } cases[] = {
+        {"getpeername", -1, ENOBUFS, peer, -1, ENOBUFS},
+        {"getnameinfo", EAI_FAMILY, 0, peer, EAI_FAMILY, 77},
+        {"getsockname", -1, ENOBUFS, name, -1, ENOBUFS},
+        {"setsockopt", -1, EPERM, option, -1, EPERM},
+        {"getsockopt", -1, EBADF, kind, -1, 77, {"sock_get_sock_type: ERROR: could not get socket type"}},
+        {"sendto", -1, ECONNREFUSED, transmit, -1, ECONNREFUSED},
+        {"sendto", -1, EINTR, transmit, -1, EINTR},
+        {"sendto", 7, ENOBUFS, transmit, -1, ENOBUFS},
+        {"send", -1, EAGAIN, part, -1, EAGAIN},
+        {"send", 3, EAGAIN, part, 3, 77},
+        {"recv", -1, EINTR, some, -1, EINTR},
+        {"recv", 0, EINTR, some, 0, 0},
+        {"recvfrom", -1, ECONNREFUSED, receive, -1, ECONNREFUSED},
+        {"recvfrom", -1, EINTR, receive, -1, EINTR},
+        {"recvfrom", 0, EINTR, receive, -1, 0},
+        {"recvfrom", 4, EAGAIN, receive, -1, EAGAIN},
+        {"select", -1, EINTR, none, -1, 77},
+        {"shutdown", -1, ENOTCONN, end, 0, 77},
+    };
+    for (const auto &c : cases) {
+        sender->error = 77;
+        EXPECT_REPORTED(with(c.function, c.gives, c.error, c.call), c.result, c.reports);
+        EXPECT_EQ(sender->error, c.kept) << c.function << " " << c.gives;
+        for (com_semaphore *lock : {sender->sem_read, sender->sem_write}) {
+            EXPECT_EQ(pthread_mutex_trylock(&lock->mutex), 0) << c.function;
+            pthread_mutex_unlock(&lock->mutex);
+        }
+    }
+    EXPECT_TRUE(size == 77 && type == 77 && sender->fd == -1);
+    EXPECT_REPORTED((sender.reset(), 0), 0, closed);
 }
 
 TEST_F(Sockets, DescriptorSets)
@@ -149,9 +209,12 @@ TEST_F(Sockets, FailedOpenings)
     EXPECT_REPORTED(with("listen", -1, EADDRINUSE, sock_listen, "127.0.0.1", "0"), nullptr,
                     "sock_listen_general: ERROR: unable to listen 98 " + std::to_string(next));
     EXPECT_EQ(fcntl(next, F_GETFD), -1) << "closed";
-    fake_platform.families = {AF_INET, -1, AF_UNIX}; // what cannot be opened is passed over without a word
+    fake_platform.families = {AF_INET6, AF_INET, -1, AF_UNIX}; // what cannot be opened is passed over without a word
     const Fault fault("connect", -1, ECONNREFUSED);
-    EXPECT_REPORTED(open_stream(), nullptr, refused("PF_INET"), refused("UNMATCHED"), unconnected, closed);
+    Reports reports{refused("PF_INET6"), refused("PF_INET"), refused("UNMATCHED"), unconnected, closed};
+    reports.erase(reports.begin(),
+                  reports.begin() + (Socket(sock_socket(AF_INET6, 1, 0)) == nullptr)); // not everywhere
+    EXPECT_REPORTED(open_stream(), nullptr, reports);
     fake_platform.families.clear();
 }
 
@@ -185,6 +248,11 @@ TEST_F(Sockets, Datagrams)
     }
     EXPECT_EQ(sock_sendto(sender, largest.data(), largest.size() + 1, 1, nullptr, 0), -1);
     EXPECT_EQ(sender->error, EMSGSIZE);
+    EXPECT_EQ(sock_sendto(sender, largest.data(), 2000, 0xfffffffe, nullptr, 0), 2004);
+    Fault no_room_to_cut(allocation, 3, Failing::once);
+    EXPECT_EQ(receive(), nullptr);
+    EXPECT_TRUE(no_room_to_cut.struck());
+    EXPECT_REPORTS("sock_recvfrom: ERROR: low memory");
     EXPECT_EACH(0, send(sender->fd, "1234", 4, 0) - 4, send(sender->fd, "", 0, 0));
     EXPECT_EQ(receive(), nullptr) << "a type alone";
     listener->error = 99;
@@ -193,7 +261,7 @@ TEST_F(Sockets, Datagrams)
     EXPECT_EACH(0, listener->error, sock_setsockopt(listener, SOL_SOCKET, SO_RCVTIMEO, &short_wait, sizeof short_wait));
     EXPECT_EQ(receive(), nullptr);
     EXPECT_EQ(listener->error, EAGAIN);
-    EXPECT_TRUE(size == largest.size() && type == 0xfffffffe) << "failed receives leave them";
+    EXPECT_TRUE(size == 2000 && type == 0xfffffffe) << "failed receives leave them";
     com_semaphore *const lock = std::exchange(sender->sem_write, nullptr);
     EXPECT_REPORTED(sock_sendto(sender, "x", 1, 1, nullptr, 0), 5, "com_semaphore_lock_ex: ERROR: argument is NULL",
                     "com_semaphore_unlock_ex: ERROR: argument is NULL");

@@ -105,6 +105,40 @@ TEST_F(Streams, PeerThatEndsOrLies)
     EXPECT_REPORTS();
 }
 
+TEST_F(Streams, FailedAndShortCalls)
+{
+    fake_platform.most_bytes = 3; // neither sender nor receiver gets on faster
+    const Packet sent = clpacket_create(), got = clpacket_create();
+    const auto transmit = [&] { return clpacket_send(sent, client); };
+    const auto receive = [&] { return clpacket_recv(got, server); };
+    EXPECT_EACH(0, clpacket_set_string(sent, 1, "in pieces", 9), transmit(), receive());
+    EXPECT_EQ(memcmp(got->buffer, sent->buffer, sent->buffer_size), 0);
+    fake_platform.most_bytes = SIZE_MAX;
+    const auto text = [](int error) { return std::string(strerror(error)); };
+    for (const int error : {EPIPE, ECONNRESET, EAGAIN, EINTR}) {
+        for (const int64_t result : {-1, 0}) {
+            EXPECT_REPORTED(with("send", result, error, transmit), -1,
+                            "sock_send_all: ERROR: unable to send: " + text(error),
+                            "sock_send_packet: ERROR: unable to send");
+            EXPECT_EQ(client->error, error);
+        }
+    }
+    const std::string peer = "clpacket_recv: ERROR: 127.0.0.1:" + port_of(client) + " : receive error: ";
+    for (const int error : {EAGAIN, EINTR, ETIMEDOUT}) {
+        EXPECT_REPORTED(with("recv", -1, error, receive), -1, peer + text(error));
+        EXPECT_EQ(server->error, error);
+    }
+    for (const int error : {ECONNRESET, ENOTCONN, 0}) { // the peer is gone
+        EXPECT_REPORTED(with("recv", error != 0 ? -1 : 0, error != 0 ? error : EINTR, receive), -1);
+        EXPECT_EQ(server->error, 0);
+    }
+    for (const int error : {EMFILE, ECONNABORTED, EINTR}) {
+        EXPECT_REPORTED(with("accept4", -1, error, sock_accept, listener.get()), nullptr,
+                        "sock_accept: ERROR: unable to accept: " + text(error));
+    }
+    EXPECT_EACH(0, transmit(), receive()); // no lock was kept, nothing left in the stream
+}
+
 TEST_F(Streams, FailFastConnect)
 {
     const std::string port = port_of(listener), closed = "socket_close: WARNING: socket is closed";
