@@ -115,7 +115,7 @@ int main(int argc, char **argv)
 try {
     watch_interruptions();
     const CommandLine line = parse(argc, argv);
-    const TemporaryFolder folder;
+    const TemporaryFolder folder("collector_bench");
     if (folder.path().empty()) {
         perror("collector_bench: temporary folder");
         return EXIT_FAILURE;

@@ -4,7 +4,9 @@
 #include <array>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <sstream>
+#include <vector>
 
 #include <arpa/inet.h>
 #include <linux/sock_diag.h>
@@ -93,17 +95,38 @@ uint16_t find_free_port()
     return bind_anywhere(DatagramSocket());
 }
 
-std::optional<size_t> queued_bytes(uint16_t port)
+std::optional<SocketState> socket_state(uint16_t port)
 {
+    constexpr size_t local = 1, queues = 4, drops = 12; // columns; QUEUES is SENT:RECEIVED
     std::ifstream table("/proc/net/udp");
     for (std::string line; std::getline(table, line);) {
-        std::string slot, local, remote, state, queues; // ADDRESS:PORT twice, SENT:RECEIVED
-        std::istringstream(line) >> slot >> local >> remote >> state >> queues;
-        if (number_after_colon(local) == port) {
-            return number_after_colon(queues);
+        std::istringstream words(line);
+        const std::vector<std::string> columns{std::istream_iterator<std::string>(words), {}};
+        if (columns.size() > drops && number_after_colon(columns[local]) == port) {
+            return {{number_after_colon(columns[queues]),
+                     strtoull(columns[drops].c_str(), nullptr, 10)}};
         }
     }
     return std::nullopt;
+}
+
+uint64_t backlog_drops()
+{
+    std::ifstream table("/proc/net/softnet_stat"); // a line for each processor: taken, dropped, ...
+    uint64_t sum = 0;
+    for (std::string line; std::getline(table, line);) {
+        std::istringstream words(line);
+        uint64_t taken = 0, dropped = 0;
+        words >> std::hex >> taken >> dropped;
+        sum += dropped;
+    }
+    return sum;
+}
+
+std::optional<size_t> queued_bytes(uint16_t port)
+{
+    const std::optional<SocketState> state = socket_state(port);
+    return state ? std::optional(state->queued) : std::nullopt;
 }
 
 size_t buffer_charge(const std::string &datagram)

@@ -33,6 +33,20 @@ private:
 /// A port that nobody receives on just now; 0 when there is none.
 uint16_t find_free_port();
 
+/// What the kernel tells about a socket: bytes that wait in it, as it counts them, and datagrams
+/// that it dropped because there was no room for them.
+struct SocketState {
+    size_t queued;
+    uint64_t drops;
+};
+
+/// Of the socket bound to that port; none while nobody has bound it.
+std::optional<SocketState> socket_state(uint16_t port);
+
+/// Datagrams on their way to any socket that the kernel dropped before they reached it: its queues
+/// between a device and the sockets have an end, too.
+uint64_t backlog_drops();
+
 /// Bytes that wait in the socket bound to that port, as the kernel counts them; none while nobody
 /// has bound it.
 std::optional<size_t> queued_bytes(uint16_t port);

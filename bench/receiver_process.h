@@ -1,14 +1,12 @@
-/* A receiver under measurement: a child process that is never left behind. */
+/* A receiver under measurement. */
 #ifndef TAVLEN_BENCH_RECEIVER_PROCESS_H
 #define TAVLEN_BENCH_RECEIVER_PROCESS_H
 
-#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <string>
-#include <vector>
 
-#include <sys/types.h>
+#include "child_process.h"
 
 /// Resident memory in KiB: now, and the most there ever was.
 struct Memory {
@@ -16,28 +14,9 @@ struct Memory {
     double most;
 };
 
-/// Started in a working folder of its own by the constructor, killed and waited for by the
-/// destructor; the kernel kills it too when this process ends in any other way.
-class ReceiverProcess {
+class ReceiverProcess : public ChildProcess {
 public:
-    /// Its standard output is `output`, which stays the caller's; negative: the caller's own.
-    ReceiverProcess(const std::vector<std::string> &command, const std::string &folder,
-                    int output = -1);
-    ~ReceiverProcess();
-    ReceiverProcess(const ReceiverProcess &) = delete;
-    ReceiverProcess &operator=(const ReceiverProcess &) = delete;
-
-    /// Stops it, so that datagrams gather in its socket; comes back when it stands still.
-    bool hold();
-
-    /// Lets a held one go on.
-    bool let_go() const;
-
-    /// Waits until it ends by itself; false unless it succeeds.
-    bool wait_for_end();
-
-    /// When its program took the child process over: what a fork costs lies before that.
-    std::chrono::steady_clock::time_point exec_time() const;
+    using ChildProcess::ChildProcess;
 
     /// Processor time that its threads have used so far, in nanoseconds. Waits until all of them
     /// sleep, one in its next receive: the kernel's number is exact then, and the last record is
@@ -46,12 +25,16 @@ public:
 
     std::optional<Memory> memory() const;
 
+    /// Resident memory in KiB, counted page by page: what memory() tells may be late by some dozens
+    /// of pages. None when the process has ended.
+    std::optional<double> resident() const;
+
+    /// Descriptors that it has open; 0 when it has ended.
+    size_t open_files() const;
+
     /// The receive buffer that it was granted for the socket on that port, in bytes as the kernel
     /// counts: what was asked for, doubled. The system's default where the kernel lets nobody look.
     int receive_buffer(uint16_t port) const;
-
-private:
-    pid_t pid_;
 };
 
 #endif

@@ -1,5 +1,6 @@
 #include "receivers.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 
@@ -189,6 +190,12 @@ bool Running::ready()
     }
     first_size_ = file_size(file_);
     return sender_.connect_to(port_);
+}
+
+size_t Running::safe_window() const
+{
+    const auto buffer = static_cast<size_t>(receive_buffer());
+    return std::max<size_t>(1, buffer / buffer_charge(datagram()) * 5 / 8);
 }
 
 size_t Running::written() const

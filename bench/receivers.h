@@ -49,10 +49,18 @@ public:
     const DatagramSocket &sender() const { return sender_; }
     const std::string &datagram() const { return receiver_.datagram; }
     const std::string &file() const { return file_; }
+    uint16_t port() const { return port_; }
     int receive_buffer() const { return process_.receive_buffer(port_); }
+
+    /// Datagrams, not longer than this receiver's, that the receive buffer holds for certain, at
+    /// any time: the kernel may still have a quarter of it booked for some that were read already.
+    size_t safe_window() const;
 
     /// Records in the file; none of a part of one.
     size_t written() const;
+
+    /// The file's size before the first record.
+    size_t first_size() const { return first_size_; }
 
     /// The file's size with that many records in it.
     size_t size_with(size_t records) const { return first_size_ + records * line_size; }
@@ -70,7 +78,7 @@ private:
     const uint16_t port_;
     ReceiverProcess process_;
     DatagramSocket sender_;
-    size_t first_size_ = 0; // of the file, before the first record
+    size_t first_size_ = 0;
 };
 
 #endif

@@ -81,14 +81,6 @@ Values run_cpu(const Receiver &receiver, const TemporaryFolder &folder, Arrival 
 
 // ------------------------------------------------------------------------------------ throughput
 
-/// Records that the receive buffer holds for certain, at any time: the kernel may still have a
-/// quarter of it booked for records that were read already.
-size_t safe_window(const Running &running)
-{
-    const auto buffer = static_cast<size_t>(running.receive_buffer());
-    return std::max<size_t>(1, buffer / buffer_charge(running.datagram()) * 5 / 8);
-}
-
 /// Sends whenever a quarter of the window is free, and as much as is. Not record by record: the
 /// looks at the file's size between them would slow the sender down.
 bool feed_continuously(const Running &running, size_t window, size_t records)
@@ -118,7 +110,7 @@ Values run_throughput(const Receiver &receiver, const TemporaryFolder &folder)
     if (!running.ready()) {
         return std::nullopt;
     }
-    const size_t window = safe_window(running);
+    const size_t window = running.safe_window();
     const auto begin = Clock::now();
     const bool complete = feed_continuously(running, window, throughput_records);
     const double seconds = seconds_since(begin);
@@ -148,7 +140,7 @@ Values run_drain(const Receiver &receiver, const TemporaryFolder &folder)
     if (!running.ready()) {
         return std::nullopt;
     }
-    const size_t fill = safe_window(running);
+    const size_t fill = running.safe_window();
     double seconds = 0;
     size_t done = 0;
     for (; done < drain_records; done += fill) {

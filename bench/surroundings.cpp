@@ -40,11 +40,11 @@ bool interrupted()
     return interruptions != 0;
 }
 
-TemporaryFolder::TemporaryFolder()
+TemporaryFolder::TemporaryFolder(const std::string &program)
 {
     const char *parent = getenv("TMPDIR");
     // What mkdtemp fills in.
-    std::string name = std::string(parent != nullptr ? parent : "/tmp") + "/collector_bench.XXXXXX";
+    std::string name = std::string(parent != nullptr ? parent : "/tmp") + "/" + program + ".XXXXXX";
     path_ = mkdtemp(name.data()) != nullptr ? name : "";
 }
 

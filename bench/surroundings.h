@@ -11,10 +11,11 @@
 void watch_interruptions();
 bool interrupted();
 
-/// A folder that exists while the object does; its path is empty when it could not be made.
+/// A folder that exists while the object does, in TMPDIR, with a name that begins with the
+/// program's; its path is empty when it could not be made.
 class TemporaryFolder {
 public:
-    TemporaryFolder();
+    explicit TemporaryFolder(const std::string &program);
     ~TemporaryFolder();
     TemporaryFolder(const TemporaryFolder &) = delete;
     TemporaryFolder &operator=(const TemporaryFolder &) = delete;
