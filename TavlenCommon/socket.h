@@ -162,7 +162,13 @@ TAVLEN_API sock *sock_connect_fail_fast(const char *server, const char *port);
  */
 TAVLEN_API sock *sock_accept(sock *listener);
 
-/** send(2), once, with the signal that it raises when the peer is gone. The bytes sent; -1. */
+/**
+ * send(2), once, with the signal that it raises when the peer is gone. The bytes sent; -1.
+ *
+ * This one, sock_send_all, sock_recv and sock_recv_all take no lock: where other threads send,
+ * receive or disconnect, the caller holds the write lock (sock_lock_w) or the read lock
+ * (sock_lock_r) around them.
+ */
 TAVLEN_API int64_t sock_send(sock *s, const void *data, size_t len, int32_t flags);
 
 /** recv(2), once. The bytes received (`error` then means nothing), 0 at the stream's end; -1. */

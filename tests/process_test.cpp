@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <csignal>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <linux/sock_diag.h>
@@ -9,6 +10,7 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -53,14 +55,15 @@ void expect_lines(const std::string &path, const std::string &expected)
     EXPECT_EQ(read_lines(path), expected);
 }
 
-/// A shell command in a folder of its own, which holds its configuration and its output.
+/// A shell command in a folder of its own, which holds its configuration and its output, after others that prepare it.
 class Process : NotCopied {
 public:
-    explicit Process(const std::string &command, const std::string &config = "")
+    explicit Process(const std::string &command, const std::string &config = "", const std::string &prepare = "true")
     {
         EXPECT_NE(mkdtemp(folder_.data()), nullptr);
         std::ofstream(file("TavlenLogger.conf")) << config;
-        const std::string line = "ulimit -f 20000; cd " + folder_ + " && exec " + command + " >output 2>errors";
+        const std::string line =
+            "ulimit -f 20000; cd " + folder_ + " && " + prepare + " && exec " + command + " >output 2>errors";
         pid_ = fork();
         if (pid_ == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL); // never outlives the test, however that ends
@@ -77,10 +80,22 @@ public:
         std::filesystem::remove_all(folder_);
     }
     bool is_running() { return pid_ > 0 && waitpid(pid_, &status_, WNOHANG) == 0; }
+    /// Of one that a signal ended: its number, negative.
     int exit_status()
     {
         EXPECT_TRUE(eventually([this] { return !is_running(); }));
-        return WIFEXITED(status_) ? WEXITSTATUS(status_) : -1;
+        return WIFEXITED(status_) ? WEXITSTATUS(status_) : -WTERMSIG(status_);
+    }
+    /// Waits until it waits: for a datagram when all that came are dealt with, or for a reader.
+    void expect_idle() const
+    {
+        const std::string stat = "/proc/" + std::to_string(pid_) + "/stat";
+        EXPECT_TRUE(eventually([&] { return read_file(stat).find(") S ") != std::string::npos; }));
+    }
+    void raise_file_size_limit() const
+    {
+        const rlimit limit{20000 * 512, 20000 * 512};
+        EXPECT_EQ(prlimit(pid_, RLIMIT_FSIZE, &limit, nullptr), 0);
     }
     void signal(int number) const { EXPECT_EQ(kill(pid_, number), 0); }
     std::string file(const std::string &name) const { return folder_ + "/" + name; }
@@ -96,8 +111,9 @@ private:
 };
 
 struct Collector : Process {
-    explicit Collector(const std::string &options = "", const std::string &config = "", const std::string &warning = "")
-        : Process(TAVLEN_LOGGER " --listenaddr " + address + " " + options, config)
+    explicit Collector(const std::string &options = "", const std::string &config = "", const std::string &warning = "",
+                       const std::string &prepare = "true")
+        : Process(TAVLEN_LOGGER " --listenaddr " + address + " " + options, config, prepare)
     {
         expect_output(warning + started);
     }
@@ -283,6 +299,63 @@ TEST(CollectorProcess, AppendsToItsFileAndKeepsOtherDestinations)
               " setup_file_log_dest: file logging disabled: log file (/n/f) not opened: No such file or directory\n"
               " socket_close: WARNING: socket is closed\n"
               " setup_remote_log_dest: remote logging disabled: log socket ([256.0.0.1]:27759) not created\n");
+}
+
+TEST(CollectorProcess, FullDiskCutsOneLineAndNoneThatComesAfterRoom)
+{
+    const Collector collector("--DefaultLogDest 9 -l log", "", "", "trap '' XFSZ && ulimit -S -f 2");
+    std::string expected[] = {read_file(collector.file("output")), read_file(collector.file("log"))};
+    const auto log = [&](const std::string &line) {
+        send_datagram(event("n", line));
+        collector.expect_idle();
+        for (std::string &text : expected) {
+            text += "n: " + line + "\n";
+        }
+    };
+    for (int i = 0; i < 20; ++i) {
+        log(std::string(100, static_cast<char>('a' + i)));
+    }
+    for (std::string &text : expected) {
+        text.resize(1024); // what fits
+    }
+    collector.raise_file_size_limit();
+    log("first"), log("second");
+    EXPECT_EQ(read_file(collector.file("output")), expected[0]);
+    EXPECT_EQ(read_file(collector.file("log")), expected[1]);
+    EXPECT_EQ(truncate(collector.file("log").c_str(), 0), 0) << "as a rotation does";
+    log("third");
+    EXPECT_EQ(read_file(collector.file("log")), "n: third\n");
+    EXPECT_EQ(collector.errors(), "");
+}
+
+TEST(CollectorProcess, ReaderOfItsOutputMayStallAndMayNotGo)
+{
+    Process collector(TAVLEN_LOGGER " --listenaddr " + address, "", "mkfifo output");
+    const std::string fifo = collector.file("output");
+    EXPECT_TRUE(eventually([&] { return access(fifo.c_str(), F_OK) == 0; }));
+    const int reader = open(fifo.c_str(), O_RDONLY | O_CLOEXEC);
+    EXPECT_GE(fcntl(reader, F_SETPIPE_SZ, 4096), 4096);
+    std::string got;
+    const auto read_line = [&] {
+        for (char byte = 0; byte != '\n' && read(reader, &byte, 1) == 1;) {
+            got += byte;
+        }
+    };
+    read_line();
+    std::string expected = got;
+    for (int i = 0; i < 100; ++i) { // more than the pipe holds
+        const std::string line = std::to_string(i) + std::string(100, 'x');
+        send_datagram(event("n", line));
+        expected += "n: " + line + "\n";
+    }
+    collector.expect_idle();
+    while (got.size() < expected.size()) {
+        read_line();
+    }
+    EXPECT_EQ(got, expected);
+    close(reader);
+    send_datagram(event("n", "to nobody"));
+    EXPECT_EQ(collector.exit_status(), -SIGPIPE);
 }
 
 TEST(CollectorProcess, ChainRelaysALineUnderEachName)

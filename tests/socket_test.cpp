@@ -78,6 +78,26 @@ TEST_F(Sockets, LifeAndReferences)
                     "sock_ref: WARNING: sem_ref is NULL", "sock_unref: WARNING: sock ref_count < 0", closed);
 }
 
+TEST_F(Sockets, ThreadsTakeAndDropReferences)
+{
+    sock *s = sock_socket(AF_INET, SOCK_DGRAM, 0);
+    const int descriptor = s->fd;
+    std::vector<std::jthread> threads;
+    for (int t = 0; t < 4; ++t) {
+        sock_ref(s); // the thread's own, and its last
+        threads.emplace_back([s] {
+            for (int i = 0; i < 5000; ++i) {
+                sock_ref(s);
+                sock_unref(s);
+            }
+            sock_unref(s);
+        });
+    }
+    sock_unref(s);
+    threads.clear();
+    EXPECT_EQ(fcntl(descriptor, F_GETFD), -1) << "whoever was last closed it";
+}
+
 TEST_F(Sockets, QueriesKeepTheErrorOfFailedCalls)
 {
     char text[128] = "untouched";

@@ -1,4 +1,5 @@
 // Connections, frames, and packets that travel as frames.
+#include <algorithm>
 #include <cerrno>
 #include <functional>
 #include <netinet/tcp.h>
@@ -221,36 +222,51 @@ TEST_F(Streams, FramesOfThreadsNeverMix)
     }
 }
 
-TEST_F(Streams, DisconnectFreesThreadsInReceiveAndAccept)
+TEST_F(Streams, DisconnectFreesThreadsInEveryReceiveAndInAccept)
 {
-    Socket datagrams = sock_listen_general("127.0.0.1", "0", SOCK_DGRAM);
-    sock *const all[] = {client, server, listener, datagrams};
-    const Packet got = clpacket_create();
-    uint32_t number = 0, other = 0;
-    const std::function<bool()> calls[] = {
-        [&] { return sock_recv_packet(client, &number, &number) != nullptr; },
-        [&] { return clpacket_recv(got, server) == 0; }, [&] { return sock_accept(listener) != nullptr; },
-        [&] { return sock_recvfrom(datagrams, &other, &other, nullptr, nullptr) != nullptr; }};
-    std::vector<std::thread> threads;
-    for (const auto &call : calls) {
-        threads.emplace_back([&call] { EXPECT_FALSE(call()); });
+    uint32_t size = 0, type = 0; // never written
+    char byte = 0;
+    struct Case {
+        sock *waiting;
+        std::function<bool()> receives;
+    };
+    const auto locked = [](sock *held, auto call) { // as those two ask their callers to
+        sock_lock_r(held);
+        const bool result = call();
+        sock_unlock_r(held);
+        return result;
+    };
+    sock *s[7] = {sock_listen("127.0.0.1", "0"), sock_listen_general("127.0.0.1", "0", SOCK_DGRAM),
+                  sock_listen_general("127.0.0.1", "0", SOCK_DGRAM)};
+    std::generate(s + 3, std::end(s), [this] { return sock_connect("127.0.0.1", port_of(listener).c_str()); });
+    const Case cases[] = {
+        {s[0], [&] { return sock_accept(s[0]) != nullptr; }},
+        {s[1], [&] { return sock_recvfrom(s[1], &size, &type, nullptr, nullptr) != nullptr; }},
+        {s[2], [&] { return clpacket_recvfrom(Packet(clpacket_create()), s[2], nullptr, nullptr) == 0; }},
+        {s[3], [&] { return sock_recv_packet(s[3], &size, &type) != nullptr; }},
+        {s[4], [&] { return clpacket_recv(Packet(clpacket_create()), s[4]) == 0; }},
+        {s[5], [&] { return locked(s[5], [&] { return sock_recv(s[5], &byte, 1, 0) > 0; }); }},
+        {s[6], [&] { return locked(s[6], [&] { return sock_recv_all(s[6], &byte, 1, 0) > 0; }); }},
+    };
+    std::vector<std::jthread> threads;
+    for (const Case &c : cases) {
+        threads.emplace_back([&c] { EXPECT_FALSE(c.receives()); });
     }
-    for (sock *s : all) {
+    for (const Case &c : cases) {
         int tries = 50000;
-        while (pthread_mutex_trylock(&s->sem_read->mutex) == 0 && --tries > 0) {
-            pthread_mutex_unlock(&s->sem_read->mutex);
+        while (pthread_mutex_trylock(&c.waiting->sem_read->mutex) == 0 && --tries > 0) {
+            pthread_mutex_unlock(&c.waiting->sem_read->mutex);
             usleep(100);
         }
         EXPECT_GT(tries, 0) << "waits without the lock";
+        sock_disconnect(c.waiting);
     }
-    for (sock *s : all) {
-        sock_disconnect(s);
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
+    threads.clear();
     take_reports(); // which of them waited already when the descriptor went is not certain
-    EXPECT_REPORTED((datagrams.reset(), 0), 0, "socket_close: WARNING: socket is closed");
+    for (const Case &c : cases) {
+        EXPECT_EQ(c.waiting->fd, -1);
+        EXPECT_REPORTED((sock_close(c.waiting), 0), 0, "socket_close: WARNING: socket is closed");
+    }
 }
 
 TEST_F(Streams, LackOfMemory)
