@@ -381,8 +381,8 @@ TAVLEN_API clpacket *clpacket_secondary_server_state_number(int32_t state_number
 TAVLEN_API clpacket *clpacket_session_new(const void *session_buf, uint32_t len);
 
 /**
- * The session's bytes, which stay the packet's, and their number. Null also for a session of no
- * bytes: the packet's error state tells.
+ * The session's bytes, which stay the packet's, and their number; the type is not checked. Null
+ * also for a session of no bytes: the packet's error state tells.
  */
 TAVLEN_API void *clpacket_extract_session_new(clpacket *p, uint32_t *len);
 

@@ -38,3 +38,6 @@ else()
   # The sanitizers bring checks of their own, which fortified calls would bypass.
   add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
 endif()
+if(TAVLEN_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
