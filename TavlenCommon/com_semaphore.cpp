@@ -49,7 +49,8 @@ void tavlen::insist_on_lock(com_semaphore *s, uint32_t type, int result)
                        static_cast<int>(type));
             return;
         }
-        sleep(retry_delay_seconds);
+        sleep(
+            retry_delay_seconds); // NOLINT(concurrency-mt-unsafe): here it does not raise a signal
         type = s->type;
         result = lock_once(s, type);
     }

@@ -140,7 +140,7 @@ constexpr size_t line_buffer_size = 2048;
 constexpr char blanks[] = " \t";
 
 struct CloseFile {
-    void operator()(FILE *file) const { fclose(file); }
+    void operator()(FILE *file) const { (void)fclose(file); }
 };
 
 /// The first byte stays, so that a piece of line ends alone keeps one (and has no '=').

@@ -25,6 +25,7 @@
 
 using namespace std::string_view_literals;
 using tavlen::load_relaxed;
+using tavlen::log_lock_token;
 using tavlen::store_relaxed;
 
 namespace {
@@ -36,16 +37,16 @@ constexpr char not_open_warning[] = "WARNING: logger not initialized, logging to
 
 int32_t log_initialized = 0; // publishes log_lock
 com_semaphore *log_lock = nullptr;
-uint32_t log_dest = LOG_DEST_STDOUT; // written under log_lock, read relaxed by get_log_dest
-int log_file = -1;                   // descriptor
-sock *log_remote_sock = nullptr;
-char *log_name = nullptr;
+uint32_t log_dest TAVLEN_GUARDED_BY(log_lock_token) = LOG_DEST_STDOUT;
+int log_file TAVLEN_GUARDED_BY(log_lock_token) = -1; // descriptor
+sock *log_remote_sock TAVLEN_GUARDED_BY(log_lock_token) = nullptr;
+char *log_name TAVLEN_GUARDED_BY(log_lock_token) = nullptr;
 // As last given to set_log_dest: the caller's texts, not read once that has returned.
-const char *log_file_name = nullptr;
-const char *log_remote_addr = nullptr;
-const char *log_remote_port = nullptr;
-int32_t log_syslog_opened = 0;
-char log_line[line_size];
+const char *log_file_name TAVLEN_GUARDED_BY(log_lock_token) = nullptr;
+const char *log_remote_addr TAVLEN_GUARDED_BY(log_lock_token) = nullptr;
+const char *log_remote_port TAVLEN_GUARDED_BY(log_lock_token) = nullptr;
+int32_t log_syslog_opened TAVLEN_GUARDED_BY(log_lock_token) = 0;
+char log_line[line_size] TAVLEN_GUARDED_BY(log_lock_token);
 int32_t log_rl_max = 0;      // relaxed
 int64_t log_rl_interval = 0; // relaxed, seconds
 
@@ -69,10 +70,10 @@ private:
 };
 
 /// Holds log_lock. The mark goes up before the lock is asked for and comes down after the unlock.
-class LogLock {
+class TAVLEN_LOCK_HOLDER LogLock {
 public:
-    LogLock() { tavlen::lock_mutex(log_lock); }
-    ~LogLock() { tavlen::unlock_mutex(log_lock); }
+    LogLock() TAVLEN_ACQUIRES(log_lock_token) { tavlen::lock_mutex(log_lock); }
+    ~LogLock() TAVLEN_RELEASES(log_lock_token) { tavlen::unlock_mutex(log_lock); }
     LogLock(const LogLock &) = delete;
     LogLock &operator=(const LogLock &) = delete;
 
@@ -180,7 +181,7 @@ int32_t _lprintf_stderr(const char *file, int32_t line, const char *func, const 
 namespace {
 
 /// The seconds since the epoch as text. Most records come in the same second as the last one.
-std::string_view now_text()
+std::string_view now_text() TAVLEN_REQUIRES(log_lock_token)
 {
     static unsigned long long second = 0; // log_lock guards all three
     static char digits[std::numeric_limits<unsigned long long>::digits10 + 1] = "0";
@@ -202,7 +203,7 @@ char *append(char *end, std::string_view text)
 /// Puts the parts into log_line, one behind the other, as far as they fit; gives the length of the
 /// whole.
 template <class... Part>
-size_t compose(Part... parts)
+size_t compose(Part... parts) TAVLEN_REQUIRES(log_lock_token)
 {
     const size_t whole = (parts.size() + ...);
     char *end = log_line;
@@ -218,7 +219,7 @@ size_t compose(Part... parts)
 
 /// Composes a record into log_line; gives the length of the whole line.
 size_t compose_record(const char *name, const char *file, int32_t line, const char *func,
-                      const char *message)
+                      const char *message) TAVLEN_REQUIRES(log_lock_token)
 {
     const std::string_view text = printable(message);
     if (file == nullptr && line == 0 && func == nullptr) {
@@ -321,7 +322,7 @@ void log_msg_dest_remote(const char *text, int32_t length)
 
 namespace {
 
-void open_syslog_once()
+void open_syslog_once() TAVLEN_REQUIRES(log_lock_token)
 {
     if (log_syslog_opened == 0 && (log_dest & LOG_DEST_SYSLOG) != 0) {
         openlog("Tavlen", LOG_CONS, LOG_USER);
@@ -329,7 +330,7 @@ void open_syslog_once()
     }
 }
 
-void close_log_file()
+void close_log_file() TAVLEN_REQUIRES(log_lock_token)
 {
     if (log_file != -1) {
         (void)close(log_file);
@@ -337,7 +338,7 @@ void close_log_file()
     }
 }
 
-void close_remote()
+void close_remote() TAVLEN_REQUIRES(log_lock_token)
 {
     if (log_remote_sock != nullptr) {
         sock_close(log_remote_sock);
@@ -407,7 +408,8 @@ void setup_remote_log_dest(const char *remote_addr, const char *remote_port)
     }
 }
 
-int32_t get_log_dest(void)
+/// The mask is read as a whole, without waiting for a line that is being written.
+TAVLEN_UNCHECKED int32_t get_log_dest(void)
 {
     return is_open() ? static_cast<int32_t>(load_relaxed(log_dest)) : -1;
 }
@@ -429,8 +431,11 @@ int32_t logger_open(void)
 
 namespace {
 
+/// Before the library is open there is no lock, and nobody else.
+void assume_alone() TAVLEN_TAKES_AS_HELD(log_lock_token) {}
+
 /// The old name may be the text that the new one was copied from, so it goes last.
-void replace_name(char *name)
+void replace_name(char *name) TAVLEN_REQUIRES(log_lock_token)
 {
     free(log_name);
     log_name = name;
@@ -448,7 +453,8 @@ int32_t logger_set_name(const char *name)
     if (copy == nullptr) {
         REPORT_TO_STDERR("ERROR: low mem");
     }
-    if (!is_open()) { // nobody else is here
+    if (!is_open()) {
+        assume_alone();
         replace_name(copy);
     } else {
         const LogLock lock;

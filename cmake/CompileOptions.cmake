@@ -16,7 +16,9 @@ set(CMAKE_CXX_FLAGS_RELEASE "-O2 -g")
 
 add_compile_options(
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wformat=2 -Wundef -Wcast-qual -Werror
-  -fstack-protector-strong)
+  -fstack-protector-strong
+  # Which lock guards what (lock_annotations.h).
+  $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
 add_link_options(-Wl,-z,relro,-z,now -Wl,--as-needed)
 
 if(TAVLEN_COVERAGE)
