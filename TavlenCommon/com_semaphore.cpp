@@ -49,8 +49,8 @@ void tavlen::insist_on_lock(com_semaphore *s, uint32_t type, int result)
                        static_cast<int>(type));
             return;
         }
-        sleep(
-            retry_delay_seconds); // NOLINT(concurrency-mt-unsafe): here it does not raise a signal
+        // Here it raises no signal. NOLINTNEXTLINE(concurrency-mt-unsafe)
+        sleep(retry_delay_seconds);
         type = s->type;
         result = lock_once(s, type);
     }
