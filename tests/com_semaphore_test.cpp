@@ -45,7 +45,7 @@ TEST_F(Semaphores, CountingThreadsBlockAtZero)
 TEST_F(Semaphores, FailedMakingIsReported)
 {
     const auto expect = [this](const char *function, int64_t result, auto make, const std::string &report) {
-        EXPECT_REPORTED(with(function, result, ENOMEM, make), nullptr, report);
+        EXPECT_REPORTED(with(function, result, EIO, make), nullptr, report);
     };
     const auto counting = [] { return com_semaphore_int_init(1); };
     expect(allocation, 0, com_semaphore_init, "com_semaphore_init: ERROR: low mem");
@@ -66,13 +66,13 @@ TEST_F(Semaphores, InterruptedCallsAreTakenUpAgainAndFailedOnesReported)
     with("sem_wait", -1, EINTR, com_semaphore_lock, counting);
     EXPECT_EQ(fake_platform.sleeps, 2);
     EXPECT_EQ(pthread_mutex_trylock(&mutex->mutex), EBUSY);
-    with("sem_wait", -1, EINVAL, com_semaphore_lock, counting);
+    with("sem_wait", -1, EAGAIN, com_semaphore_lock, counting);
     with("sem_post", -1, EOVERFLOW, com_semaphore_unlock, counting);
     EXPECT_EQ(sem_trywait(counting->sem) + sem_trywait(counting->sem), -1) << "one of two units is left";
     with("sem_destroy", -1, EIO, com_semaphore_destroy, counting);
     with("pthread_mutex_destroy", EBUSY, EIO, com_semaphore_destroy, mutex);
     with("pthread_mutex_trylock", EINVAL, EIO, com_semaphore_destroy, com_semaphore_init());
-    EXPECT_REPORTS("com_semaphore_lock_ex: ERROR: unable to lock semaphore -1 22 0",
+    EXPECT_REPORTS("com_semaphore_lock_ex: ERROR: unable to lock semaphore -1 11 0",
                    "com_semaphore_unlock_ex: ERROR: unable to unlock mutex",
                    "com_semaphore_destroy: ERROR: unable to destroy mutex -1, 5",
                    "com_semaphore_destroy: WARNING: trying to destroy locked mutex",
@@ -81,15 +81,13 @@ TEST_F(Semaphores, InterruptedCallsAreTakenUpAgainAndFailedOnesReported)
                    "com_semaphore_destroy: ERROR: unable to destroy mutex 16, 0"); // unlocked, and had not been locked
 }
 
-// ----------------------------------------------------------------------------------- conditionals
-
 TEST_F(Conditionals, CreatorHoldsTheMutexAndThreadsWakeIt)
 {
     com_conditional *c = com_conditional_init();
     EXPECT_EQ(pthread_mutex_trylock(&c->mutex), EBUSY);
     const time_t before = time(nullptr);
-    com_conditional_timedwait(c, 0), com_conditional_timedwait(c, INT32_MIN);
-    EXPECT_LE(time(nullptr), before + 1) << "returns at once";
+    com_conditional_timedwait(c, 1), com_conditional_timedwait(c, 0), com_conditional_timedwait(c, INT32_MIN);
+    EXPECT_TRUE(time(nullptr) > before && time(nullptr) <= before + 2) << "the last two return at once";
     com_conditional_signal(c); // nobody waits: forgotten
     bool signalled = false;    // guarded by the mutex; a wait may end without a signal
     std::thread signaller([c, &signalled] {
@@ -102,7 +100,6 @@ TEST_F(Conditionals, CreatorHoldsTheMutexAndThreadsWakeIt)
         com_conditional_wait(c);
     }
     signaller.join();
-    EXPECT_REPORTS();
     com_conditional_close(c); // by the creator, who holds the mutex
     EXPECT_REPORTS("com_conditional_close: ERROR: failed pthread_mutex_destroy");
 }
@@ -111,9 +108,8 @@ TEST_F(Conditionals, FailuresAreReported)
 {
     com_conditional *c = com_conditional_init();
     with("pthread_cond_wait", EPERM, 0, com_conditional_wait, c);
-    for (const char *function : {"pthread_cond_timedwait", "gettimeofday"}) {
-        with(function, EPERM, 0, com_conditional_timedwait, c, 1);
-    }
+    with("pthread_cond_timedwait", EPERM, 0, com_conditional_timedwait, c, 1);
+    with("gettimeofday", EPERM, 0, com_conditional_timedwait, c, 1);
     with("pthread_cond_signal", EINVAL, 0, com_conditional_signal, c);
     with("pthread_cond_destroy", EBUSY, 0, com_conditional_close, c);
     EXPECT_REPORTS("com_conditional_wait: ERROR: pthread_cond_wait failed 1",

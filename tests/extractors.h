@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <map>
+#include <sstream>
 #include <string>
 #include <TavlenCommon/com_packet.h>
 #include <tuple>
@@ -16,27 +17,17 @@ inline std::string quoted(const void *bytes, uint32_t len)
 /// An output that the caller frees.
 template <class T>
 struct Out {
-    explicit Out(T *object = nullptr) : at(object) {}
-    Out(const Out &) = delete;
-    ~Out() { free(const_cast<void *>(static_cast<const void *>(at))); }
-    T *at;
+    ~Out() { free(static_cast<void *>(at)); }
+    T *at = nullptr;
 };
 
 /// Values with blanks between them.
 template <class... Values>
 std::string answer(const Values &...values)
 {
-    std::string text;
-    const auto add = [&text](const auto &value) {
-        text += text.empty() ? "" : " ";
-        if constexpr (std::is_arithmetic_v<std::remove_cvref_t<decltype(value)>>) {
-            text += std::to_string(value);
-        } else {
-            text += value;
-        }
-    };
-    (add(values), ...);
-    return text;
+    std::ostringstream text;
+    ((text << ' ' << values), ...);
+    return text.str().substr(1);
 }
 
 template <class Describe>
@@ -52,7 +43,7 @@ std::string each(int64_t count, Describe describe)
 template <class Object, class... Texts>
 std::string take_texts(const Object &object, Texts... texts)
 {
-    return answer(object.status, std::string(Out<char>(object.*texts).at)...);
+    return answer(object.status, std::string(Out<char>{object.*texts}.at)...);
 }
 
 /// The values of what an extractor gives; all that hangs on it is freed.
@@ -78,8 +69,8 @@ struct Take {
         using E = secondary_server_entry;
         return take_texts(e, &E::address, &E::admin_port, &E::client_port, &E::monitor_address, &E::node_monitor_port);
     }
-    std::string operator()(const parallel_server_list &l) const { return answer(l.count) + list(l.servers, l.count); }
-    std::string operator()(const secondary_server_list &l) const { return answer(l.count) + list(l.servers, l.count); }
+    std::string operator()(const parallel_server_list &l) const { return servers(l); }
+    std::string operator()(const secondary_server_list &l) const { return servers(l); }
     std::string operator()(const db_change_notice &n) const
     {
         return answer(n.version, n.count, bytes(n.detail, n.detail_len)) + list(n.ids, n.count);
@@ -87,15 +78,17 @@ struct Take {
     template <class Object>
     std::string operator()(Object *object) const
     {
-        const Out<Object> owner(object);
+        const Out<Object> owner{object};
         return object != nullptr ? Take()(*object) : "null";
     }
 
-    static std::string bytes(void *bytes, uint32_t len) { return quoted(Out<void>(bytes).at, len); }
+    static std::string bytes(void *bytes, uint32_t len) { return quoted(Out<void>{bytes}.at, len); }
+    /// A null pointer closes the list.
+    static std::string servers(const auto &l) { return answer(l.count) + list(l.servers, l.count + 1); }
     template <class Item>
     static std::string list(Item *items, int64_t count)
     {
-        const Out<Item> owner(items);
+        const Out<Item> owner{items};
         return each(count, [&](int64_t i) { return Take()(items[i]); });
     }
 };
@@ -104,7 +97,7 @@ using Extractor = std::function<std::string(clpacket *)>;
 
 /// A result code and plain numbers. What an extractor leaves alone stays 9.
 template <class... Numbers>
-Extractor numbers_of(int32_t (*extract)(clpacket *, Numbers *...))
+Extractor as_text(int32_t (*extract)(clpacket *, Numbers *...))
 {
     return [extract](clpacket *p) {
         std::tuple<Numbers...> numbers{Numbers{9}...};
@@ -115,7 +108,7 @@ Extractor numbers_of(int32_t (*extract)(clpacket *, Numbers *...))
 }
 
 template <class Count, class Item>
-Extractor list_of(int32_t (*extract)(clpacket *, Count *, Item **))
+Extractor as_text(int32_t (*extract)(clpacket *, Count *, Item **))
 {
     return [extract](clpacket *p) {
         Count count = 9;
@@ -126,7 +119,7 @@ Extractor list_of(int32_t (*extract)(clpacket *, Count *, Item **))
 }
 
 template <class Object>
-Extractor object_of(Object *(*extract)(clpacket *))
+Extractor as_text(Object *(*extract)(clpacket *))
 {
     return [extract](clpacket *p) { return Take()(extract(p)); };
 }
@@ -154,37 +147,23 @@ inline std::string extract_result(clpacket *p)
     return answer(result, status, error, Take::bytes(error_text, len), count) + Take::list(items, count);
 }
 
-/// A table's outputs, which an extractor that fails leaves alone.
-struct TableOut {
-    uint32_t rows = 0, cols = 0;
+inline std::string extract_table(clpacket *p)
+{
+    uint32_t rows = 0, cols = 0; // as they stay when there is no table
     int32_t value3 = 0;
     Out<int32_t> values;
     Out<uint32_t> lens, text_lens;
     Out<void *> data;
     Out<char *> texts;
-
-    int32_t extract2(clpacket *p)
-    {
-        return clpacket_extract_admin_db_insert2(p, &rows, &value3, &cols, &values.at, &lens.at, &data.at);
-    }
-    int32_t extract3(clpacket *p)
-    {
-        return clpacket_extract_admin_db_insert3(p, &rows, &value3, &cols, &values.at, &lens.at, &data.at,
-                                                 &text_lens.at, &texts.at);
-    }
-    std::string cell(int64_t i) const
-    {
-        return answer(values.at[i], quoted(data.at[i], lens.at[i])) +
-               (texts.at != nullptr ? " " + quoted(texts.at[i], text_lens.at[i]) : "");
-    }
-};
-
-inline std::string extract_table(clpacket *p)
-{
-    TableOut table;
-    const int32_t result = p->type == CLPACKET_ADMIN_DB_INSERT3 ? table.extract3(p) : table.extract2(p);
-    return answer(result, table.rows, table.value3, table.cols) +
-           each(int64_t{table.rows} * table.cols, [&](int64_t i) { return table.cell(i); });
+    const int32_t result =
+        clpacket_get_type(p) == CLPACKET_ADMIN_DB_INSERT3
+            ? clpacket_extract_admin_db_insert3(p, &rows, &value3, &cols, &values.at, &lens.at, &data.at, &text_lens.at,
+                                                &texts.at)
+            : clpacket_extract_admin_db_insert2(p, &rows, &value3, &cols, &values.at, &lens.at, &data.at);
+    return answer(result, rows, value3, cols) + each(int64_t{rows} * cols, [&](int64_t i) {
+               return answer(values.at[i], quoted(data.at[i], lens.at[i])) +
+                      (texts.at != nullptr ? " " + quoted(texts.at[i], text_lens.at[i]) : "");
+           });
 }
 
 inline std::string extract_session(clpacket *p)
@@ -194,30 +173,26 @@ inline std::string extract_session(clpacket *p)
     return quoted(session, len);
 }
 
-inline const std::map<uint32_t, Extractor> extractors = {
-    {5, extract_result},
-    {37, extract_blobs},
-    {38, extract_blobs},
-    {56, extract_session},
-    {59, extract_table},
-    {60, extract_table},
-    {2, numbers_of(clpacket_extract_type2)},
-    {28, numbers_of(clpacket_extract_type28)},
-    {36, numbers_of(clpacket_extract_type36)},
-    {39, numbers_of(clpacket_extract_type39)},
-    {40, numbers_of(clpacket_extract_type40)},
-    {23, list_of(clpacket_extract_type23)},
-    {24, list_of(clpacket_extract_type24)},
-    {25, list_of(clpacket_extract_type25)},
-    {26, list_of(clpacket_extract_type26)},
-    {21, object_of(clpacket_check_db_changed)},
-    {43, object_of(clpacket_extract_secondary_server_join)},
-    {44, object_of(clpacket_extract_secondary_servers_list)},
-    {45, object_of(clpacket_extract_secondary_server_item)},
-    {49, object_of(clpacket_extract_parallel_server_join)},
-    {51, object_of(clpacket_extract_parallel_server_item)},
-    {52, object_of(clpacket_extract_parallel_servers_list)},
+/// By the type of the message.
+struct Extractors : std::map<uint32_t, Extractor> {
+    Extractors() = default;
+    template <class... More>
+    Extractors(int type, Extractor extractor, More... more) : Extractors(more...)
+    {
+        emplace(type, extractor);
+    }
 };
+
+inline const Extractors
+    extractors(5, extract_result, 37, extract_blobs, 38, extract_blobs, 56, extract_session, 59, extract_table, 60,
+               extract_table, 2, as_text(clpacket_extract_type2), 28, as_text(clpacket_extract_type28), 36,
+               as_text(clpacket_extract_type36), 39, as_text(clpacket_extract_type39), 40,
+               as_text(clpacket_extract_type40), 23, as_text(clpacket_extract_type23), 24,
+               as_text(clpacket_extract_type24), 25, as_text(clpacket_extract_type25), 26,
+               as_text(clpacket_extract_type26), 21, as_text(clpacket_check_db_changed), 43,
+               as_text(clpacket_extract_secondary_server_join), 44, as_text(clpacket_extract_secondary_servers_list),
+               45, as_text(clpacket_extract_secondary_server_item), 49, as_text(clpacket_extract_parallel_server_join),
+               51, as_text(clpacket_extract_parallel_server_item), 52, as_text(clpacket_extract_parallel_servers_list));
 
 /// What the extractor of the packet's type gives; types without one give "".
 inline std::string extract(clpacket *p)
