@@ -83,13 +83,12 @@ FAULTABLE(int, pthread_cond_destroy, (pthread_cond_t * c), (c))
 FAULTABLE(int, gettimeofday, (timeval * t, void *zone), (t, zone))
 FAULTABLE(int, socket, (int domain, int type, int protocol), (domain, type, protocol))
 FAULTABLE(int, close, (int fd), (fd))
-FAULTABLE(int, setsockopt, (int fd, int l, int o, const void *v, socklen_t n), (fd, l, o, v, n))
+FAULTABLE(int, setsockopt, (int fd, int l, int o, const void *v, socklen_t n),
+          (((o == SO_RCVBUF ? memcpy(&fake_platform.receive_buffer, v, n) : nullptr), fd), l, o, v, n))
 FAULTABLE(int, bind, (int fd, const sockaddr *address, socklen_t size), (fd, address, size))
 FAULTABLE(int, listen, (int fd, int backlog), (fd, backlog))
 FAULTABLE(int, connect, (int fd, const sockaddr *address, socklen_t size), (fd, address, size))
 FAULTABLE(int, accept4, (int fd, sockaddr *address, socklen_t *size, int flags), (fd, address, size, flags))
-FAULTABLE(int, shutdown, (int fd, int how), (fd, how))
-FAULTABLE(int, getsockopt, (int fd, int l, int o, void *v, socklen_t *n), (fd, l, o, v, n))
 FAULTABLE(int, getsockname, (int fd, sockaddr *address, socklen_t *size), (fd, address, size))
 FAULTABLE(int, getpeername, (int fd, sockaddr *address, socklen_t *size), (fd, address, size))
 FAULTABLE(int, getnameinfo, (const sockaddr *a, socklen_t n, char *h, socklen_t hn, char *s, socklen_t sn, int f),
@@ -100,7 +99,6 @@ FAULTABLE(ssize_t, write, (int fd, const void *data, size_t n), (fd, data, piece
 FAULTABLE(ssize_t, sendto, (int fd, const void *data, size_t n, int f, const sockaddr *a, socklen_t an),
           (fd, data, n, f, a, an))
 FAULTABLE(ssize_t, recvfrom, (int fd, void *data, size_t n, int f, sockaddr *a, socklen_t *an), (fd, data, n, f, a, an))
-FAULTABLE(int, open, (const char *path, int flags, mode_t mode), (path, flags, mode))
 FAULTABLE(int, pthread_setspecific, (pthread_key_t key, const void *value), (key, value))
 FAULTABLE(int, vsnprintf, (char *text, size_t size, const char *format, va_list args), (text, size, format, args))
 FAULTABLE_AS("vsnprintf", int, __vsnprintf_chk,

@@ -76,6 +76,7 @@ struct FakePlatform {
     std::vector<int> families;    ///< unless empty: of the addresses that getaddrinfo() gives
     size_t most_bytes = SIZE_MAX; ///< that one send(), recv() or write() moves
     int selected = 0;             ///< the count that select() was last called with
+    int receive_buffer = 0;       ///< last asked for with setsockopt(), in bytes
 };
 extern FakePlatform fake_platform;
 

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <functional>
 #include <pthread.h>
-#include <random>
 
 #include "faults.h"
 #include "network.h"
@@ -17,11 +16,11 @@ struct Structure : NotCopied {
     ~Structure() { mtb_free_deserialized_packet(root), mtb_struct_destroy(root); }
     void read(const std::vector<uint8_t> &wire)
     {
-        const EdgeBuffer buffer(wire);
-        uint8_t *cursor = buffer.begin();
+        std::vector<uint8_t> buffer(wire); // without a byte to spare behind it
+        uint8_t *cursor = buffer.data();
         left = static_cast<int32_t>(wire.size());
         result = mtb_binary_deserialize(root, &cursor, &left, 1);
-        EXPECT_EQ(cursor + left, buffer.begin() + wire.size());
+        EXPECT_EQ(cursor + left, buffer.data() + buffer.size());
     }
     operator mtb_struct *() const { return root; }
     mtb_struct *const root = mtb_struct_new(1);
@@ -40,22 +39,14 @@ std::vector<uint8_t> encode(const mtb_struct *s)
     return encodes ? buffer : std::vector<uint8_t>{};
 }
 
-// An array of two structures, and a structure with elements of every other kind.
-const auto rich_wire =
-    bytes("00 01 01 00 00 00 02 00 06 1c 00 00 00 02 00 06 0e 00 00 00 01 00 01 02 0a 00 06 0e 00 00 00 01 00 01 02 0b"
-          " 00 09 0e 00 00 00 1b 00 01 02 f9 00 01 03 f9 00 01 04 ff f9 00 01 05 ff f9 00 01 06 ff ff ff f9 00 01 07 ff"
-          " ff ff f9 00 01 08 ff ff ff ff ff ff ff f9 00 01 09 ff ff ff ff ff ff ff f9 00 01 0a c0 e0 00 00 00 01 0b c0"
-          " 1c 00 00 00 00 00 00 00 01 0d ff ff ff f9 00 01 0c 00 00 00 03 61 00 62 00 02 0c 00 00 00 00 00 01 10 00 00"
-          " 00 02 01 02 00 02 10 00 00 00 00 00 01 11 00 00 00 01 00 05 00 01 12 00 00 00 01 00 05 00 01 13 00 00 00 01"
-          " 00 00 00 05 00 01 14 00 00 00 01 00 00 00 05 00 01 15 00 00 00 02 00 00 00 00 00 00 00 05 00 00 00 00 00 00"
-          " 00 06 00 01 16 00 00 00 01 00 00 00 00 00 00 00 05 00 01 17 00 00 00 01 05 00 01 18 00 00 00 01 05 00 01 19"
-          " 00 00 00 01 00 00 00 05 00 01 1a 00 00 00 01 00 00 00 00 00 00 00 05 00 03 15 00 00 00 00 00 01 1b 00 00 00"
-          " 03 00 00 00 01 78 00 00 00 00 00 00 00 02 79 7a");
+// An array of two structures, and a structure with elements of every other kind; a seed of the fuzz target, too.
+const std::string rich_bytes = read_file(TAVLEN_RICH_BODY);
+const std::vector<uint8_t> rich_wire(rich_bytes.begin(), rich_bytes.end());
 
 struct MapToBuffer : ReportingTest {
     Structure s, rich{rich_wire};
     mtb_struct *const nested = rich.root->buffer->last;
-    mtb_struct no_chain{};
+    mtb_struct no_chain{nullptr, nullptr, 1, MTB_TYPE_ROOT, 0, {.buffer = nullptr}};
     char *text = nullptr;
     void *data = this, *item = this;
     uint32_t len = 77;
@@ -64,9 +55,6 @@ struct MapToBuffer : ReportingTest {
 
 const char *const texts[] = {"x", nullptr};
 
-/// A call of a function is refused with this code and this report of its own.
-#define EXPECT_FAILURE(code, function, arguments, words)                                                               \
-    EXPECT_REPORTED(function arguments, code, #function ": ERROR: " words)
 #define MISSING ": ERROR: param 'structr' is uninitialized."
 
 TEST(Chain, LinksBothWays)
@@ -75,9 +63,7 @@ TEST(Chain, LinksBothWays)
     mtb_element a{}, b{}, c{};
     const auto is = [](const mtb_element *e, const void *wanted) { return e == wanted ? 1 : 0; };
     chain_init(&chain);
-    chain_prepend(&chain, &b);
-    chain_append(&chain, &c);
-    chain_prepend(&chain, &a);
+    chain_prepend(&chain, &b), chain_append(&chain, &c), chain_prepend(&chain, &a);
     EXPECT_EACH(&b, chain_next(&chain, chain_first(&chain)), chain_find(&chain, is, &b));
     chain_unlink(&chain, &b);
     EXPECT_TRUE(chain_next(&chain, &a) == &c && chain_pop_first(&chain) == &a && chain_pop_last(&chain) == &c);
@@ -90,17 +76,13 @@ TEST(Chain, LinksBothWays)
 TEST_F(MapToBuffer, ScalarsAreAddedReplacedAndReadByNameAndType)
 {
     mtb_value v{}, w{};
-    const std::string check = "check_getter_params: ERROR: parameter ";
 #define EXPECT_SCALAR(suffix, ctype, code, member)                                                                     \
     EXPECT_FAILURE(-5, mtb_get_##suffix, (65538, &v.member, s), "element with name 2 not found");                      \
     EXPECT_EACH(0, mtb_add_##suffix(2, 3, s), mtb_add_##suffix(65538, static_cast<ctype>(-7), s),                      \
                 mtb_get_##suffix(2, &v.member, s), mtb_get_##suffix(1, &w.member, nested));                            \
     EXPECT_EACH(static_cast<ctype>(-7), v.member, w.member);                                                           \
-    EXPECT_EACH(-2, mtb_add_##suffix(2, 3, nullptr), mtb_add_##suffix(2, 3, &no_chain),                                \
-                mtb_get_##suffix(2, nullptr, nullptr), mtb_get_##suffix(2, &v.member, nullptr),                        \
-                mtb_get_##suffix(2, &v.member, &no_chain));                                                            \
-    EXPECT_REPORTS("mtb_add_" #suffix MISSING, "mtb_add_" #suffix MISSING, check + "'val' should not be NULL",         \
-                   check + "'structr' should not be NULL", check + "'structr' is uninitialized or damaged");           \
+    EXPECT_EACH(-2, mtb_add_##suffix(2, 3, nullptr), mtb_add_##suffix(2, 3, &no_chain));                               \
+    EXPECT_REPORTS("mtb_add_" #suffix MISSING, "mtb_add_" #suffix MISSING);                                            \
     in_new_thread([this] { EXPECT_EQ(with(allocation, 0, 0, [this] { return mtb_add_##suffix(3, 3, s); }), -1); });    \
     EXPECT_REPORTS("mtb_add_" #suffix ": ERROR: low memory");
     TAVLEN_SCALAR_TYPES(EXPECT_SCALAR)
@@ -189,16 +171,20 @@ TEST_F(MapToBuffer, GettersGiveWhatWasStored)
 
 TEST_F(MapToBuffer, GoldenBuffers)
 {
-    const auto again = [](const std::string &wire) { return encode(Structure(bytes(wire))); };
-    EXPECT_EQ(encode(rich), rich_wire);
-    for (const std::string wire : {"00 01 01 00 00 00 01 00 09 0f 00 00 00 00", "00 01 01 00 00 00 02 00 01 02 05"}) {
-        EXPECT_EQ(again(wire), bytes(wire)); // the second one is cut, but whole
-    }
-    EXPECT_EACH(bytes("00 01 01 00 00 00 00"), again(""), again("00 07 01 00 00 00 00 99")); // any name of the root
-    // A root inside the root, and inside a nested structure, gives its elements to it.
     const std::string head = "00 01 01 00 00 00 01 ", nest = "00 02 0e 00 00 00 01 ", number = "00 03 02 07";
-    EXPECT_EQ(again(head + "00 02 01 00 00 00 01 " + number), bytes(head + number));
-    EXPECT_EQ(again(head + nest + "00 02 01 00 00 00 01 " + number), bytes(head + nest + number));
+    const std::pair<std::string, std::string> cases[] = {
+        {"00 01 01 00 00 00 01 00 09 0f 00 00 00 00", "00 01 01 00 00 00 01 00 09 0f 00 00 00 00"},
+        {"00 01 01 00 00 00 02 " + number, "00 01 01 00 00 00 02 " + number}, // cut, but whole
+        {"", "00 01 01 00 00 00 00"},
+        {"00 07 01 00 00 00 00 99", "00 01 01 00 00 00 00"}, // any name of the root
+        // A root inside the root, and inside a nested structure, gives its elements to it.
+        {head + "00 02 01 00 00 00 01 " + number, head + number},
+        {head + nest + "00 02 01 00 00 00 01 " + number, head + nest + number},
+    };
+    for (const auto &[wire, again] : cases) {
+        EXPECT_EQ(encode(Structure(bytes(wire))), bytes(again));
+    }
+    EXPECT_EQ(encode(rich), rich_wire);
     s.read(bytes("00 01 01 7f ff ff ff"));
     EXPECT_TRUE(mtb_add_enum(1, 1, s) == MTB_OK && s.root->len == INT32_MIN) << "counts on without overflow";
 }
@@ -233,37 +219,6 @@ TEST_F(MapToBuffer, MalformedBuffers)
            {one_left, in_struct, cut, in_array, cut, in_root, cut});
     rich.read({0}); // a single byte where an element should begin leaves what is there
     EXPECT_REPORTED(encode(rich), rich_wire, one_left);
-}
-
-// What decodes encodes to the same; only arrays with other members do not, and roots inside structures make it shorter.
-void expect_invariants(const std::vector<uint8_t> &wire)
-{
-    const Structure decoded(wire);
-    const auto again = encode(decoded);
-    const size_t consumed = wire.size() - static_cast<size_t>(decoded.left);
-    EXPECT_LE(again.size(), consumed + 7);
-    const bool same = again.size() == consumed && consumed != 0 && wire[2] == MTB_TYPE_ROOT;
-    EXPECT_TRUE(!same || memcmp(&again[2], &wire[2], consumed - 2) == 0);
-}
-
-TEST_F(MapToBuffer, EveryPrefixMutationAndSomeNoise)
-{
-    for (size_t i = 0; i < rich_wire.size(); ++i) {
-        auto mutated = rich_wire;
-        for (const uint8_t value : bytes("00 01 02 0c 0e 0f 10 1a 1b 1c 1d 7f 80 ff")) {
-            mutated[i] = value;
-            expect_invariants(mutated);
-        }
-        mutated.resize(i);
-        expect_invariants(mutated);
-    }
-    std::mt19937 random; // always the same noise
-    for (size_t round = 0; round < 3000; ++round) {
-        std::vector<uint8_t> noise(round % 97);
-        std::ranges::generate(noise, [&] { return static_cast<uint8_t>(random() % (random() % 5 == 0 ? 256 : 29)); });
-        expect_invariants(noise);
-    }
-    (void)take_reports();
 }
 
 // Runs on a thread with a small stack, the least that a user of the library may have.

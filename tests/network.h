@@ -48,10 +48,4 @@ struct DatagramTest : ReportingTest {
     Socket sender = sock_connect_general("127.0.0.1", port_of(listener).c_str(), SOCK_DGRAM);
 };
 
-/// Calls that are made in this order all give this result.
-#define EXPECT_EACH(result, ...)                                                                                       \
-    for (const auto given : {__VA_ARGS__}) {                                                                           \
-        EXPECT_EQ(given, result);                                                                                      \
-    }
-
 #endif

@@ -5,19 +5,13 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <linux/sock_diag.h>
 #include <memory>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <TavlenCommon/socket.h>
-
-#include "support.h"
+#include "network.h"
 
 namespace {
 
@@ -121,9 +115,8 @@ struct Collector : Process {
 
 void send_datagram(const std::string &datagram, const char *port = "27759")
 {
-    sock *sender = sock_connect_general(address.c_str(), port, SOCK_DGRAM);
+    const Socket sender = sock_connect_general(address.c_str(), port, SOCK_DGRAM);
     EXPECT_EQ(send(sender->fd, datagram.data(), datagram.size(), 0), static_cast<ssize_t>(datagram.size()));
-    sock_close(sender);
     usleep(200); // or the receive buffer would run over when many follow each other
 }
 
@@ -181,13 +174,10 @@ TEST(CollectorProcess, CommandLineWinsOverFileAndFirstOverLater)
 
 TEST(CollectorProcess, EndsWithStatus4WhenItCannotListen)
 {
-    for (const std::string options : {"-p 'no such port'", "-a 256.0.0.1", "-a 192.0.2.1"}) {
-        Process collector(TAVLEN_LOGGER " " + options);
-        EXPECT_EQ(collector.exit_status(), 4) << options;
-        collector.expect_output(
-            (options == "-a 192.0.2.1" ? " sock_listen_general: ERROR: unable to bind on port 27759\n"s : ""s) +
-            " socket_close: WARNING: socket is closed\n");
-    }
+    Process collector(TAVLEN_LOGGER " -a 192.0.2.1");
+    EXPECT_EQ(collector.exit_status(), 4);
+    collector.expect_output(" sock_listen_general: ERROR: unable to bind on port 27759\n"
+                            " socket_close: WARNING: socket is closed\n");
 }
 
 TEST(CollectorProcess, WritesEventsAndRefusesEverythingElse)
@@ -221,68 +211,26 @@ TEST(CollectorProcess, WritesEventsAndRefusesEverythingElse)
     EXPECT_EQ(collector.errors(), "");
 }
 
-// Every prefix, every byte changed, and deep nesting: it stays and goes on writing.
+// Prefixes, changed bytes and deep nesting: it stays and goes on writing.
 TEST(CollectorProcess, NoDatagramKnocksItOver)
 {
     const Collector collector;
     const std::string good = event("name", "line");
     for (size_t i = 0; i < good.size(); ++i) {
         send_datagram(good.substr(0, i));
-        for (const char value : "\0\1\x0e\x1b\x1c\x7f\xff"s) {
-            send_datagram(good.substr(0, i) + value + good.substr(i + 1));
-        }
+        send_datagram(good.substr(0, i) + '\xff' + good.substr(i + 1));
     }
-    for (const char type : "\1\x0e\x1c"s) {
-        std::string deep = "\0\0\0\x1d"s;
-        while (deep.size() < 64000) {
-            deep += "\0\1"s + type + "\0\0\0\1"s;
-        }
-        send_datagram(deep);
-        EXPECT_TRUE(eventually([&] {
-            send_datagram(event("after", {type}));
-            return read_file(collector.file("output")).ends_with("after: "s + type + "\n");
-        }));
+    std::string deep = "\0\0\0\x1d"s;
+    while (deep.size() < 64000) {
+        deep += "\0\1\x0e\0\0\0\1"s;
     }
+    send_datagram(deep);
+    send_datagram(event("after", "all"));
+    EXPECT_TRUE(eventually([&] { return read_file(collector.file("output")).ends_with("after: all\n"); }));
     EXPECT_EQ(collector.errors(), "");
 }
 
-/// How many such datagrams this system keeps for a socket that asks for room as the collector does; at most `most`.
-size_t burst_that_fits(const std::string &datagram, size_t most)
-{
-    const int receiver = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in place{AF_INET, 0, {inet_addr(address.c_str())}, {}};
-    socklen_t size = sizeof place;
-    auto *any = reinterpret_cast<sockaddr *>(&place);
-    EXPECT_TRUE(bind(receiver, any, size) == 0 && getsockname(receiver, any, &size) == 0);
-    EXPECT_GT(sendto(receiver, datagram.data(), datagram.size(), 0, any, size), 0);
-    const int asked = 8 << 20;
-    uint32_t memory[SK_MEMINFO_VARS] = {};
-    socklen_t memory_size = sizeof memory;
-    EXPECT_EQ(setsockopt(receiver, SOL_SOCKET, SO_RCVBUF, &asked, sizeof asked), 0);
-    EXPECT_EQ(getsockopt(receiver, SOL_SOCKET, SO_MEMINFO, memory, &memory_size), 0);
-    close(receiver);
-    return std::min<size_t>(most, memory[SK_MEMINFO_RCVBUF] / memory[SK_MEMINFO_RMEM_ALLOC]);
-}
-
-TEST(CollectorProcess, KeepsABurstThatComesWhileItStandsStill)
-{
-    const auto record = [](size_t i) { return std::to_string(1000000 + i) + std::string(113, 'x'); };
-    Collector collector;
-    const size_t records = burst_that_fits(event("b", record(0)), 10000);
-    collector.signal(SIGSTOP);
-    sock *sender = sock_connect_general(address.c_str(), "27759", SOCK_DGRAM);
-    std::string lines;
-    for (size_t i = 0; i < records; ++i) {
-        const std::string datagram = event("b", record(i));
-        EXPECT_EQ(send(sender->fd, datagram.data(), datagram.size(), 0), static_cast<ssize_t>(datagram.size()));
-        lines += "b: " + record(i) + "\n";
-    }
-    sock_close(sender);
-    collector.signal(SIGCONT);
-    EXPECT_TRUE(eventually([&] { return read_file(collector.file("output")).ends_with(lines); })) << records;
-}
-
-TEST(CollectorProcess, AppendsToItsFileAndKeepsOtherDestinations)
+TEST(CollectorProcess, AppendsToItsFile)
 {
     const TemporaryFile log("earlier\n");
     std::string expected = "earlier\n";
@@ -294,66 +242,49 @@ TEST(CollectorProcess, AppendsToItsFileAndKeepsOtherDestinations)
     }
     const Collector unnamed("--DefaultLogDest 9");
     expect_lines(unnamed.file("logger.log"), started);
-    const Collector refused("--DefaultLogDest 25 -l /n/f --RemoteLoggerAddr 256.0.0.1");
-    EXPECT_EQ(refused.errors(),
-              " setup_file_log_dest: file logging disabled: log file (/n/f) not opened: No such file or directory\n"
-              " socket_close: WARNING: socket is closed\n"
-              " setup_remote_log_dest: remote logging disabled: log socket ([256.0.0.1]:27759) not created\n");
 }
 
 TEST(CollectorProcess, FullDiskCutsOneLineAndNoneThatComesAfterRoom)
 {
     const Collector collector("--DefaultLogDest 9 -l log", "", "", "trap '' XFSZ && ulimit -S -f 2");
-    std::string expected[] = {read_file(collector.file("output")), read_file(collector.file("log"))};
+    const std::string files[] = {collector.file("output"), collector.file("log")};
     const auto log = [&](const std::string &line) {
         send_datagram(event("n", line));
         collector.expect_idle();
-        for (std::string &text : expected) {
-            text += "n: " + line + "\n";
-        }
+        return "n: " + line + "\n";
     };
-    for (int i = 0; i < 20; ++i) {
-        log(std::string(100, static_cast<char>('a' + i)));
+    std::string expected = read_file(files[0]);
+    for (char letter = 'a'; letter < 'u'; ++letter) {
+        expected += log(std::string(100, letter));
     }
-    for (std::string &text : expected) {
-        text.resize(1024); // what fits
-    }
+    expected.resize(1024); // what fits
     collector.raise_file_size_limit();
-    log("first"), log("second");
-    EXPECT_EQ(read_file(collector.file("output")), expected[0]);
-    EXPECT_EQ(read_file(collector.file("log")), expected[1]);
-    EXPECT_EQ(truncate(collector.file("log").c_str(), 0), 0) << "as a rotation does";
-    log("third");
-    EXPECT_EQ(read_file(collector.file("log")), "n: third\n");
+    expected += log("first");
+    expected += log("second");
+    EXPECT_EQ(read_file(files[0]), expected);
+    EXPECT_EQ(read_file(files[1]), expected);
+    EXPECT_EQ(truncate(files[1].c_str(), 0), 0) << "as a rotation does";
+    const std::string third = log("third");
+    EXPECT_EQ(read_file(files[1]), third);
     EXPECT_EQ(collector.errors(), "");
 }
 
 TEST(CollectorProcess, ReaderOfItsOutputMayStallAndMayNotGo)
 {
     Process collector(TAVLEN_LOGGER " --listenaddr " + address, "", "mkfifo output");
-    const std::string fifo = collector.file("output");
-    EXPECT_TRUE(eventually([&] { return access(fifo.c_str(), F_OK) == 0; }));
-    const int reader = open(fifo.c_str(), O_RDONLY | O_CLOEXEC);
-    EXPECT_GE(fcntl(reader, F_SETPIPE_SZ, 4096), 4096);
-    std::string got;
-    const auto read_line = [&] {
-        for (char byte = 0; byte != '\n' && read(reader, &byte, 1) == 1;) {
-            got += byte;
-        }
-    };
-    read_line();
-    std::string expected = got;
+    EXPECT_TRUE(eventually([&] { return std::filesystem::exists(collector.file("output")); }));
+    std::ifstream reader(collector.file("output"));
+    std::string line;
+    std::getline(reader, line); // that it has started
+    const auto record = [](int i) { return std::to_string(i) + std::string(1000, 'x'); };
     for (int i = 0; i < 100; ++i) { // more than the pipe holds
-        const std::string line = std::to_string(i) + std::string(100, 'x');
-        send_datagram(event("n", line));
-        expected += "n: " + line + "\n";
+        send_datagram(event("n", record(i)));
     }
     collector.expect_idle();
-    while (got.size() < expected.size()) {
-        read_line();
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_TRUE(std::getline(reader, line) && line == "n: " + record(i)) << i;
     }
-    EXPECT_EQ(got, expected);
-    close(reader);
+    reader.close();
     send_datagram(event("n", "to nobody"));
     EXPECT_EQ(collector.exit_status(), -SIGPIPE);
 }
@@ -391,11 +322,10 @@ TEST(CollectorProcess, ListExamplesTalkOverAStream)
     const std::string arguments = " " + address + " 27761";
     Process server(TAVLEN_EXAMPLES "/list_server" + arguments + " 2");
     server.expect_output(" main: listening\n");
-    sock *stalled = sock_connect(address.c_str(), "27761"); // is given up, and the next one served
+    const Socket stalled = sock_connect(address.c_str(), "27761"); // is given up, and the next one served
     Process client(TAVLEN_EXAMPLES "/list_client" + arguments);
     client.expect_output("192.0.2.1 27760\n192.0.2.2 27760\n");
     EXPECT_EQ(client.exit_status() + server.exit_status(), 0);
-    sock_close(stalled);
 }
 
 #ifdef TAVLEN_COUNTS_INSTRUCTIONS
@@ -425,7 +355,7 @@ int64_t collect(size_t records)
 
 int64_t log(size_t records)
 {
-    Process program(counting + TAVLEN_LOG_CALLS " log " + std::to_string(records));
+    Process program(counting + TAVLEN_LOG_CALL " lprintf " + std::to_string(records) + " log");
     return instructions_of(program);
 }
 
@@ -444,26 +374,5 @@ TEST(Instructions, PerRecordStayWithinTheBudget)
 }
 
 #endif
-
-// In a mount namespace of its own the test takes the place of the system's syslog.
-TEST(CollectorProcess, SyslogGetsTheLine)
-{
-    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount("none", "/dev", "tmpfs", 0, nullptr) != 0) {
-        GTEST_SKIP() << "this machine refuses a mount namespace"; // and /dev/log is not the test's own
-    }
-    const int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    const sockaddr_un place{AF_UNIX, "/dev/log"};
-    EXPECT_EQ(bind(log, reinterpret_cast<const sockaddr *>(&place), sizeof place), 0);
-    const Collector collector("--DefaultLogDest 5");
-    send_datagram(event("app", "to syslog"));
-    for (const char *end : {"Logger started (revision 164281)...\n", " Tavlen: app: to syslog\n"}) {
-        char record[1024] = "";
-        EXPECT_TRUE(eventually([&] { return recv(log, record, sizeof record - 1, MSG_DONTWAIT) > 0; }));
-        EXPECT_TRUE(std::string(record).starts_with("<15>") && std::string(record).ends_with(end)) << record;
-    }
-    close(log);
-    umount("/dev");
-}
 
 } // namespace

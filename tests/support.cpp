@@ -1,10 +1,10 @@
 #include "support.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
 #include <sstream>
+#include <sys/mman.h>
 #include <unistd.h>
 
 // Sanitizers report to the terminal even while standard error is collected; a pointer carries the number.
@@ -76,14 +76,4 @@ std::vector<uint8_t> bytes(const std::string &hex)
         result.push_back(static_cast<uint8_t>(std::stoul(byte, nullptr, 16)));
     }
     return result;
-}
-
-EdgeBuffer::EdgeBuffer(const std::vector<uint8_t> &content)
-{
-    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    size_ = (content.size() / page + 2) * page;
-    pages_ = static_cast<uint8_t *>(mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-    uint8_t *end = pages_ + size_ - page;
-    EXPECT_EQ(mprotect(end, page, PROT_NONE), 0);
-    begin_ = std::copy_backward(content.begin(), content.end(), end);
 }

@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <gtest/gtest.h>
 #include <string>
-#include <sys/mman.h>
 #include <vector>
 
 #include <TavlenCommon/logger.h>
@@ -80,20 +79,17 @@ protected:
         EXPECT_EQ(take_reports(), (Reports{__VA_ARGS__})) << #call;                                                    \
     } while (0)
 
+/// A call of a function is refused with this result and this report of its own.
+#define EXPECT_FAILURE(result, function, arguments, words)                                                             \
+    EXPECT_REPORTED(function arguments, result, #function ": ERROR: " words)
+
+/// Calls that are made in this order all give this result.
+#define EXPECT_EACH(result, ...)                                                                                       \
+    for (const auto given : {__VA_ARGS__}) {                                                                           \
+        EXPECT_EQ(given, result);                                                                                      \
+    }
+
 /// The bytes that hexadecimal text stands for; blanks do not count.
 std::vector<uint8_t> bytes(const std::string &hex);
-
-/// A copy of bytes that ends where the readable memory ends, so that reading on crashes.
-class EdgeBuffer : NotCopied {
-public:
-    explicit EdgeBuffer(const std::vector<uint8_t> &content);
-    ~EdgeBuffer() { munmap(pages_, size_); }
-    uint8_t *begin() const { return begin_; }
-
-private:
-    size_t size_;
-    uint8_t *pages_;
-    uint8_t *begin_;
-};
 
 #endif
