@@ -1,29 +1,7 @@
 // Any bytes as the configuration file: settings are its words or defaults, and of two the first or stronger counts.
-#include "fuzz.h"
+#include "settings.h"
 #include <sys/mman.h>
-#include <TavlenLogger/config.h>
 #include <unistd.h>
-
-static std::string value_of(const cfg_entry &e)
-{
-    return e.type == CFG_INT ? std::to_string(*static_cast<int32_t *>(e.target)) : *static_cast<char **>(e.target);
-}
-
-/// Made once in a process, but anew for every input.
-struct Settings {
-    Settings() { HOLDS(config_init() == 0); }
-    Settings(const Settings &) = delete;
-    ~Settings()
-    {
-        for (const cfg_entry &e : *this) {
-            e.type == CFG_STRING ? free(*static_cast<char **>(e.target)) : void();
-        }
-        free(config_e);
-        config_e = nullptr;
-    }
-    cfg_entry *begin() const { return config_e; }
-    cfg_entry *end() const { return config_e + 6; }
-};
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {

@@ -41,6 +41,9 @@ TEST_F(Collector, ReadsInPlaceAndThroughFieldsAlike)
         const Packet built = clpacket_log_event("na", line.data(), static_cast<int32_t>(line.size()));
         const Packet plain = received(wire_of(built));
         EXPECT_EQ(clpacket_set_type(plain, CLPACKET_LOG_EVENT), 0);
+        plain->error_state = MTB_BAD_DATA;
+        EXPECT_REPORTED(msg_extract(plain), -1, "msg_extract: packet decode error");
+        EXPECT_EQ(clpacket_reset_error_state(plain), 0);
         EXPECT_REPORTED(msg_extract(plain), 0, "na: line");
         EXPECT_REPORTED(msg_extract(built), 0, "na: line");
         EXPECT_EQ(clpacket_set_int32_signed(built, LOG_EVENT_FIELD_VERSION, 2), 0);
@@ -90,13 +93,18 @@ TEST_F(Collector, StartsWholeOrEnds)
     EXPECT_EQ(fake_platform.receive_buffer, 8 << 20) << "for bursts";
     EXPECT_EQ(start_collector({"c", "-h", "c"}), 255);
     logger_open();
+    char *name[] = {nullptr};
+    EXPECT_EQ(collector_main(1, name) & 255, 255) << "the log is open already";
+    forget_settings();
     take_reports();
 }
 
 TEST_F(Collector, SettingsAreMadeOnce)
 {
     EXPECT_TRUE(config_init() == 0 && config_init() == -1);
-    EXPECT_STREQ(config_get_settings()->ListenAddr, "0.0.0.0");
+    const logger_settings *all = config_get_settings();
+    EXPECT_EQ(std::string(all->ListenAddr) + " " + all->RemoteLoggerAddr, "0.0.0.0 dont_use_localhost");
+    EXPECT_EQ(config_set_cmd_arg(nullptr, "1"), -1);
     forget_settings();
     config_set(nullptr);
     EXPECT_REPORTED(config_set_cmd_arg("-p", "1"), -1, "config_set_cmd_arg: ERROR: config_e is NULL");

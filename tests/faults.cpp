@@ -12,6 +12,7 @@
 #include <sys/time.h>
 
 FakePlatform fake_platform;
+thread_local std::vector<int> sent_flags;
 
 static std::atomic<Fault *> active_fault = nullptr; // one at a time
 
@@ -84,7 +85,8 @@ FAULTABLE(int, gettimeofday, (timeval * t, void *zone), (t, zone))
 FAULTABLE(int, socket, (int domain, int type, int protocol), (domain, type, protocol))
 FAULTABLE(int, close, (int fd), (fd))
 FAULTABLE(int, setsockopt, (int fd, int l, int o, const void *v, socklen_t n),
-          (((o == SO_RCVBUF ? memcpy(&fake_platform.receive_buffer, v, n) : nullptr), fd), l, o, v, n))
+          (((o == SO_RCVBUF ? memcpy(&fake_platform.receive_buffer, v, n) : nullptr), ++fake_platform.options, fd), l,
+           o, v, n))
 FAULTABLE(int, bind, (int fd, const sockaddr *address, socklen_t size), (fd, address, size))
 FAULTABLE(int, listen, (int fd, int backlog), (fd, backlog))
 FAULTABLE(int, connect, (int fd, const sockaddr *address, socklen_t size), (fd, address, size))
@@ -93,7 +95,8 @@ FAULTABLE(int, getsockname, (int fd, sockaddr *address, socklen_t *size), (fd, a
 FAULTABLE(int, getpeername, (int fd, sockaddr *address, socklen_t *size), (fd, address, size))
 FAULTABLE(int, getnameinfo, (const sockaddr *a, socklen_t n, char *h, socklen_t hn, char *s, socklen_t sn, int f),
           (a, n, h, hn, s, sn, f))
-FAULTABLE(ssize_t, send, (int fd, const void *data, size_t n, int f), (fd, data, piece(n), f))
+FAULTABLE(ssize_t, send, (int fd, const void *data, size_t n, int f),
+          (fd, data, piece(n), (sent_flags.push_back(f), f)))
 FAULTABLE(ssize_t, recv, (int fd, void *data, size_t n, int f), (fd, data, piece(n), f))
 FAULTABLE(ssize_t, write, (int fd, const void *data, size_t n), (fd, data, piece(n)))
 FAULTABLE(ssize_t, sendto, (int fd, const void *data, size_t n, int f, const sockaddr *a, socklen_t an),

@@ -76,8 +76,10 @@ struct FakePlatform {
     std::vector<int> families;    ///< unless empty: of the addresses that getaddrinfo() gives
     size_t most_bytes = SIZE_MAX; ///< that one send(), recv() or write() moves
     int selected = 0;             ///< the count that select() was last called with
+    int options = 0;              ///< how many setsockopt() has set
     int receive_buffer = 0;       ///< last asked for with setsockopt(), in bytes
 };
 extern FakePlatform fake_platform;
+extern thread_local std::vector<int> sent_flags; ///< of this thread's calls of send()
 
 #endif

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <fcntl.h>
 #include <set>
+#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 
@@ -98,6 +100,8 @@ TEST_F(Logger, EveryDestinationGetsTheLine)
     const TemporaryFile file("before\n");
     std::string in_file = "before\n";
     std::string in_syslog = "openlog Tavlen 2 8\n"; // once, before the first record
+    const int next = dup(STDERR_FILENO);            // descriptor
+    close(next);
     for (int32_t mask = 0; mask < 32; ++mask) {
         const auto wanted = [mask](int32_t bit, const std::string &text) { return (mask & bit) != 0 ? text : ""; };
         EXPECT_EQ(log_to(mask, file.path(), address_.c_str()), mask);
@@ -107,6 +111,16 @@ TEST_F(Logger, EveryDestinationGetsTheLine)
         EXPECT_EQ(collector_gets(program_invocation_short_name, "n: line"), (mask & LOG_DEST_REMOTE) != 0);
     }
     EXPECT_EQ(fake_platform.syslog, in_syslog);
+    (void)remove(file.path());
+    struct stat made {};
+    EXPECT_EQ(log_to(0, nullptr), 0);
+    EXPECT_TRUE(log_to(LOG_DEST_FILE, file.path()) == LOG_DEST_FILE && stat(file.path(), &made) == 0);
+    const mode_t mask = umask(0);
+    umask(mask);
+    EXPECT_EQ(made.st_mode & 0777, 0666 & ~mask);
+    EXPECT_EQ(fcntl(next, F_GETFD), FD_CLOEXEC);
+    logger_close();
+    EXPECT_TRUE(fcntl(next, F_GETFD) == -1 && logger_open() == 0) << "none was left open, nor is this one";
 }
 
 TEST_F(Logger, RefusedDestinationsKeepTheOthers)
@@ -169,7 +183,7 @@ TEST_F(Logger, LimiterPerSite)
     };
     EXPECT_EQ(ask(0, 0, 10), (std::vector{0, 0, 0})) << "off";
     EXPECT_EQ(ask(0, 2, 0), (std::vector{0, 0, 0})) << "off";
-    EXPECT_EQ(ask(0), (std::vector{0, 1, 0}));
+    EXPECT_EQ(ask(0, 1, 1), (std::vector{0, 1, 0}));
     EXPECT_EQ(ask(0), (std::vector{0, 2, 0}));
     EXPECT_EQ(ask(1), (std::vector{-1, 2, 1}));
     EXPECT_EQ(ask(10), (std::vector{-1, 2, 2})) << "the period's last second";

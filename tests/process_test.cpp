@@ -5,9 +5,13 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <linux/sock_diag.h>
 #include <memory>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -228,6 +232,63 @@ TEST(CollectorProcess, NoDatagramKnocksItOver)
     send_datagram(event("after", "all"));
     EXPECT_TRUE(eventually([&] { return read_file(collector.file("output")).ends_with("after: all\n"); }));
     EXPECT_EQ(collector.errors(), "");
+}
+
+/// How many such datagrams this system keeps for a socket that asks for room as the collector does; at most `most`.
+size_t burst_that_fits(const std::string &datagram, size_t most)
+{
+    const int receiver = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in place{AF_INET, 0, {inet_addr(address.c_str())}, {}};
+    socklen_t size = sizeof place;
+    auto *any = reinterpret_cast<sockaddr *>(&place);
+    EXPECT_TRUE(bind(receiver, any, size) == 0 && getsockname(receiver, any, &size) == 0);
+    EXPECT_GT(sendto(receiver, datagram.data(), datagram.size(), 0, any, size), 0);
+    const int asked = 8 << 20;
+    uint32_t memory[SK_MEMINFO_VARS] = {};
+    socklen_t memory_size = sizeof memory;
+    EXPECT_EQ(setsockopt(receiver, SOL_SOCKET, SO_RCVBUF, &asked, sizeof asked), 0);
+    EXPECT_EQ(getsockopt(receiver, SOL_SOCKET, SO_MEMINFO, memory, &memory_size), 0);
+    close(receiver);
+    return std::min<size_t>(most, memory[SK_MEMINFO_RCVBUF] / memory[SK_MEMINFO_RMEM_ALLOC]);
+}
+
+TEST(CollectorProcess, KeepsABurstThatComesWhileItStandsStill)
+{
+    const auto record = [](size_t i) { return std::to_string(1000000 + i) + std::string(113, 'x'); };
+    Collector collector;
+    const size_t records = burst_that_fits(event("b", record(0)), 10000);
+    collector.signal(SIGSTOP);
+    sock *sender = sock_connect_general(address.c_str(), "27759", SOCK_DGRAM);
+    std::string lines;
+    for (size_t i = 0; i < records; ++i) {
+        const std::string datagram = event("b", record(i));
+        EXPECT_EQ(send(sender->fd, datagram.data(), datagram.size(), 0), static_cast<ssize_t>(datagram.size()));
+        lines += "b: " + record(i) + "\n";
+    }
+    sock_close(sender);
+    collector.signal(SIGCONT);
+    EXPECT_TRUE(eventually([&] { return read_file(collector.file("output")).ends_with(lines); })) << records;
+}
+
+// In a mount namespace of its own the test takes the place of the system's syslog.
+TEST(CollectorProcess, SyslogGetsTheLine)
+{
+    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("none", "/dev", "tmpfs", 0, nullptr) != 0) {
+        GTEST_SKIP() << "this machine refuses a mount namespace"; // and /dev/log is not the test's own
+    }
+    const int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const sockaddr_un place{AF_UNIX, "/dev/log"};
+    EXPECT_EQ(bind(log, reinterpret_cast<const sockaddr *>(&place), sizeof place), 0);
+    const Collector collector("--DefaultLogDest 5");
+    send_datagram(event("app", "to syslog"));
+    for (const char *end : {"Logger started (revision 164281)...\n", " Tavlen: app: to syslog\n"}) {
+        char record[1024] = "";
+        EXPECT_TRUE(eventually([&] { return recv(log, record, sizeof record - 1, MSG_DONTWAIT) > 0; }));
+        EXPECT_TRUE(std::string(record).starts_with("<15>") && std::string(record).ends_with(end)) << record;
+    }
+    close(log);
+    umount("/dev");
 }
 
 TEST(CollectorProcess, AppendsToItsFile)

@@ -53,7 +53,7 @@ TEST_F(Sockets, LifeAndReferences)
 {
     sock *s = sock_socket(AF_INET, SOCK_STREAM, 0);
     const int descriptor = s->fd;
-    EXPECT_EQ(fcntl(descriptor, F_GETFD), FD_CLOEXEC);
+    EXPECT_EACH(FD_CLOEXEC, fcntl(descriptor, F_GETFD), fcntl(listener->fd, F_GETFD), fcntl(sender->fd, F_GETFD));
     sock_ref(s);
     EXPECT_REPORTED((sock_close(s), s->ref_count), 2, "sock_close: WARNING: sock in use");
     EXPECT_REPORTED((sock_unref(s), s->ref_count), 1);
@@ -201,13 +201,13 @@ TEST_F(Sockets, FailedOpenings)
                " returned: Connection refused";
     };
     EXPECT_NE(Socket(open_listener()), nullptr) << "the address is shared";
+    const int next = dup(2); // descriptor: where one stays open, the numbers below differ
+    close(next);
     EXPECT_REPORTED(open_stream(), nullptr, refused("PF_INET"), unconnected, closed);
     EXPECT_REPORTED(sock_connect_general("127.0.0.1", "no such port", 2), nullptr, closed);
     for (const char *function : {"socket", "setsockopt", "bind"}) {
         EXPECT_REPORTED(with(function, -1, EADDRINUSE, open_listener), nullptr, unbound, closed);
     }
-    const int next = dup(2); // descriptor
-    close(next);
     EXPECT_REPORTED(with("listen", -1, EADDRINUSE, sock_listen, "127.0.0.1", "0"), nullptr,
                     "sock_listen_general: ERROR: unable to listen 98 " + std::to_string(next));
     EXPECT_EQ(fcntl(next, F_GETFD), -1) << "closed";

@@ -1,6 +1,7 @@
 // Connections, frames, and packets that travel as frames.
 #include <algorithm>
 #include <cerrno>
+#include <fcntl.h>
 #include <functional>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -24,7 +25,10 @@ TEST_F(Streams, FramesOnTheWire)
 {
     uint32_t size = 0, type = 0;
     char raw[32];
+    EXPECT_EQ(fcntl(server->fd, F_GETFD), FD_CLOEXEC);
+    sent_flags.clear();
     EXPECT_EQ(sock_send_packet(client, "abc", 3, 0xfffffffe), 11);
+    EXPECT_EQ(sent_flags, (std::vector<int>{MSG_MORE | MSG_NOSIGNAL, MSG_NOSIGNAL}));
     EXPECT_EQ(sock_recv_all(server, raw, 11, MSG_PEEK), 11);
     EXPECT_EQ(std::vector<uint8_t>(raw, raw + 11), bytes("00 00 00 03 ff ff ff fe 61 62 63"));
     const auto payload = tavlen::owned<char>(static_cast<char *>(sock_recv_packet(server, &size, &type)));
@@ -123,7 +127,14 @@ TEST_F(Streams, FailFastConnect)
         EXPECT_EQ(getsockopt(fast->fd, option.level, option.name, &value, &length), 0);
         EXPECT_EQ(value, option.value);
     }
+    fake_platform.options = 0;
     EXPECT_REPORTED(with("setsockopt", -1, ENOPROTOOPT, connect), nullptr, unable, closed);
+    EXPECT_EQ(fake_platform.options, 5) << "the others are set";
+    const int64_t large = INT32_MAX;
+    const auto send_much = [this] { return sock_send(client, "x", size_t{1} << 33, 0); };
+    EXPECT_EQ(with("send", int64_t{1} << 33, 0, send_much), int64_t{1} << 33);
+    const Fault fault("send", INT32_MAX, 0);
+    EXPECT_EQ(sock_send_packet(client, "x", INT32_MAX, 1), large + 8);
     listener = nullptr;
     EXPECT_REPORTED(connect(), nullptr,
                     "sock_connect_fail_fast: connect to 127.0.0.1, port: " + port +
