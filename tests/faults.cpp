@@ -63,10 +63,16 @@ static size_t piece(size_t size)
     return std::min(size, fake_platform.most_bytes);
 }
 
-FAULTABLE_AS(allocation, void *, malloc, (size_t size), (size))
-FAULTABLE_AS(allocation, void *, calloc, (size_t count, size_t size), (count, size))
-FAULTABLE_AS(allocation, void *, realloc, (void *block, size_t size), (block, size))
-FAULTABLE_AS(allocation, char *, strdup, (const char *text), (text))
+#define ALLOCATING(type, function, parameters, arguments, is_new)                                                      \
+    WRAP(type, function, parameters, int64_t none = 0;                                                                 \
+         type given = Fault::strikes(allocation, &none) ? nullptr : __real_##function arguments;                       \
+         fake_platform.blocks += given != nullptr && (is_new); return given;)
+
+ALLOCATING(void *, malloc, (size_t size), (size), true)
+ALLOCATING(void *, calloc, (size_t count, size_t size), (count, size), true)
+ALLOCATING(void *, realloc, (void *block, size_t size), (block, size), block == nullptr)
+ALLOCATING(char *, strdup, (const char *text), (text), true)
+WRAP(void, free, (void *block), fake_platform.blocks -= block != nullptr; __real_free(block);)
 FAULTABLE(int, pthread_mutex_init, (pthread_mutex_t * m, const pthread_mutexattr_t *a), (m, a))
 FAULTABLE(int, pthread_mutex_lock, (pthread_mutex_t * m), (m))
 FAULTABLE(int, pthread_mutex_unlock, (pthread_mutex_t * m), (m))

@@ -70,6 +70,7 @@ void fail_each_allocation(Operation operation)
 
 /// What stands in for the platform's clock, sleep and syslog.
 struct FakePlatform {
+    std::atomic<int> blocks = 0;  ///< that are allocated
     int64_t now = 0;              ///< what time() gives; 0: the real time
     std::atomic<int> sleeps = 0;  ///< calls of sleep(), which returns at once
     std::string syslog;           ///< the calls of openlog() and syslog(), a line each

@@ -307,6 +307,7 @@ TEST_F(MapToBuffer, ThreadsReuseRecords)
 #else
     constexpr int32_t kept = 511; // and one for the root
 #endif
+    const int before = fake_platform.blocks;
     in_new_thread([&] {
         const auto fill = [](mtb_struct *structr, int32_t fields) { // as far as memory goes
             int32_t name = 0;
@@ -324,6 +325,7 @@ TEST_F(MapToBuffer, ThreadsReuseRecords)
         EXPECT_EQ(fill(next, 1000), kept);
         mtb_free_deserialized_packet(next), mtb_struct_destroy(next), take_reports();
     });
+    EXPECT_EQ(fake_platform.blocks, before) << "freed when the thread ended";
     in_new_thread([this] { // whose end cannot be told frees at once
         with("pthread_setspecific", ENOMEM, 0, mtb_struct_destroy, mtb_struct_new(1));
         EXPECT_EQ(with(allocation, 0, 0, mtb_struct_new, 1), nullptr);
