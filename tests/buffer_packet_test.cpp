@@ -51,7 +51,7 @@ TEST_F(BufferPacket, NullAndEmptyPacketsHaveNothingToGive)
     EXPECT_EQ(clpacket_get_error_state(p), MTB_NOT_FOUND);
     EXPECT_EQ(clpacket_get_buffer(p), nullptr);
     EXPECT_EACH(0, clpacket_reset_error_state(p), clpacket_set_int32_signed(p, 1, 5));
-    EXPECT_EQ(wire_of(p), number_5);
+    EXPECT_EACH(number_5, wire_of(p), wire_of(p)); // anew, and the old bytes go
     EXPECT_EACH(-1, clpacket_sendto(p, nullptr, nullptr, 0), clpacket_recvfrom(p, nullptr, nullptr, nullptr));
     EXPECT_NE(p->buffer, nullptr);
     EXPECT_REPORTS("clpacket_alloc_buffer" + parameter + "s", "clpacket_deserialize: ERROR: binary buffer not found",

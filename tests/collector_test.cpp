@@ -103,7 +103,8 @@ TEST_F(Collector, SettingsAreMadeOnce)
 {
     EXPECT_TRUE(config_init() == 0 && config_init() == -1);
     const logger_settings *all = config_get_settings();
-    EXPECT_EQ(std::string(all->ListenAddr) + " " + all->RemoteLoggerAddr, "0.0.0.0 dont_use_localhost");
+    EXPECT_EQ(std::string(all->ListenAddr) + " " + all->RemoteLoggerAddr + " " + all->RemoteLoggerPort,
+              "0.0.0.0 dont_use_localhost 27759");
     EXPECT_EQ(config_set_cmd_arg(nullptr, "1"), -1);
     forget_settings();
     config_set(nullptr);
