@@ -1,5 +1,7 @@
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <TavlenCommon/com_packet.h>
 #include <TavlenCommon/logger.h>
@@ -29,6 +31,27 @@ void print_usage(const char *program)
            "   -s log to syslog\n"
            "   -h display this help\n",
            program, revision, revision_suffix);
+}
+
+/// A standard descriptor that was closed before the start would go to the log file or to a socket,
+/// which would then get what standard output is meant to.
+void occupy_standard_descriptors()
+{
+    int fd = 0;
+    do {
+        fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+    } while (fd != -1 && fd <= STDERR_FILENO);
+    if (fd != -1) {
+        (void)close(fd);
+    }
+}
+
+/// Room for a whole line, which is written at once then: the usual buffer of a terminal, and of a
+/// file in small blocks, is shorter.
+void widen_standard_output()
+{
+    static char buffer[8192];
+    (void)setvbuf(stdout, buffer, _IOFBF, sizeof buffer);
 }
 
 /// Applies the options in pairs; gives the configuration file's path, null when they are wrong.
@@ -123,6 +146,8 @@ int32_t msg_recv_loop(sock *s)
 
 int main(int argc, char **argv)
 {
+    occupy_standard_descriptors();
+    widen_standard_output();
     // Without memory for the settings an option fails, and without one so does the listening
     // socket, or the collector runs on what settings there are.
     (void)config_init();

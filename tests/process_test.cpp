@@ -330,6 +330,15 @@ TEST(CollectorProcess, FullDiskCutsOneLineAndNoneThatComesAfterRoom)
     EXPECT_EQ(collector.errors(), "");
 }
 
+TEST(CollectorProcess, ClosedStandardOutputIsNobodyElses)
+{
+    const Process collector("sh -c 'exec " TAVLEN_LOGGER " --listenaddr " + address +
+                            " --DefaultLogDest 9 -l log >&- 2>&- <&-'");
+    expect_lines(collector.file("log"), started);
+    send_datagram(event("n", "once"));
+    expect_lines(collector.file("log"), started + "n: once\n");
+}
+
 TEST(CollectorProcess, ReaderOfItsOutputMayStallAndMayNotGo)
 {
     Process collector(TAVLEN_LOGGER " --listenaddr " + address, "", "mkfifo output");

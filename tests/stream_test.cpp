@@ -189,6 +189,13 @@ TEST_F(Streams, FramesOfThreadsNeverMix)
 TEST_F(Streams, DisconnectFreesThreadsInReceivesAndInAccept)
 {
     uint32_t size = 0, type = 0; // never written
+    char byte = 0;
+    const auto locked = [](sock *s, auto call) { // as those that take no lock ask their callers to
+        sock_lock_r(s);
+        const bool result = call();
+        sock_unlock_r(s);
+        return result;
+    };
     const auto datagrams = [] { return sock_listen_general("127.0.0.1", "0", SOCK_DGRAM); };
     const auto stream = [this] { return sock_connect("127.0.0.1", port_of(listener).c_str()); };
     struct {
@@ -200,6 +207,8 @@ TEST_F(Streams, DisconnectFreesThreadsInReceivesAndInAccept)
         {datagrams(), [](sock *s) { return clpacket_recvfrom(Packet(clpacket_create()), s, nullptr, nullptr) == 0; }},
         {stream(), [&](sock *s) { return sock_recv_packet(s, &size, &type) != nullptr; }},
         {stream(), [](sock *s) { return clpacket_recv(Packet(clpacket_create()), s) == 0; }},
+        {stream(), [&](sock *s) { return locked(s, [&] { return sock_recv(s, &byte, 1, 0) > 0; }); }},
+        {stream(), [&](sock *s) { return locked(s, [&] { return sock_recv_all(s, &byte, 1, 0) > 0; }); }},
     };
     std::vector<std::jthread> threads;
     for (const auto &c : cases) {
