@@ -49,7 +49,7 @@ void tavlen::insist_on_lock(com_semaphore *s, uint32_t type, int result)
                        static_cast<int>(type));
             return;
         }
-        // Here it raises no signal. NOLINTNEXTLINE(concurrency-mt-unsafe)
+        // glibc waits without a signal here, in any thread. NOLINTNEXTLINE(concurrency-mt-unsafe)
         sleep(retry_delay_seconds);
         type = s->type;
         result = lock_once(s, type);
