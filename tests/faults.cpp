@@ -133,12 +133,13 @@ WRAP(unsigned, sleep, (unsigned), ++fake_platform.sleeps; return 0;)
 WRAP(time_t, time, (time_t * t), return fake_platform.now != 0 ? fake_platform.now : __real_time(t);)
 
 WRAP(void, openlog, (const char *identity, int option, int facility),
-     fake_platform.syslog +=
-     "openlog " + std::string(identity) + " " + std::to_string(option) + " " + std::to_string(facility) + "\n";)
+     fake_platform.opened +=
+     std::string(identity) + " " + std::to_string(option) + " " + std::to_string(facility) + "\n";)
 
 /// Notes a call whose format has one text to fill in; a fortified build calls the second function.
 #define WRAP_SYSLOG(function, parameters)                                                                              \
     WRAP(void, function, parameters, va_list args; va_start(args, format);                                             \
+         fake_platform.syslog += fake_platform.opened.empty() ? "not opened: " : "";                                   \
          fake_platform.syslog += std::to_string(priority) + " " + format + " " + va_arg(args, const char *);           \
          va_end(args);)
 WRAP_SYSLOG(syslog, (int priority, const char *format, ...))

@@ -73,7 +73,8 @@ struct FakePlatform {
     std::atomic<int> blocks = 0;  ///< that are allocated
     int64_t now = 0;              ///< what time() gives; 0: the real time
     std::atomic<int> sleeps = 0;  ///< calls of sleep(), which returns at once
-    std::string syslog;           ///< the calls of openlog() and syslog(), a line each
+    std::string opened;           ///< the calls of openlog(), a line each
+    std::string syslog;           ///< those of syslog()
     std::vector<int> families;    ///< unless empty: of the addresses that getaddrinfo() gives
     size_t most_bytes = SIZE_MAX; ///< that one send(), recv() or write() moves
     int selected = 0;             ///< the count that select() was last called with
