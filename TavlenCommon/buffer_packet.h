@@ -1,5 +1,5 @@
 /*
- * Packets: a message's type code, its fields (map_to_buffer.h) and their serialized bytes.
+ * Packets: a message's type code, its fields and their serialized bytes.
  *
  * Conventions
  *  1. A packet is converted when that is needed: one that was built is serialized when it is sent,

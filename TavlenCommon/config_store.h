@@ -59,7 +59,7 @@ TAVLEN_API void cfg_add_int(cfg_builder *b, const char *key, int32_t def, int32_
 
 /**
  * Stores a value in the variable bound to `e`, unless its present source is as strong or stronger.
- * Numbers are  * read in base 10 as far as they go (no digits: 0) and cut to 32 bits.
+ * Numbers are read in base 10 as far as they go (no digits: 0) and cut to 32 bits.
  * 0 also when refused for its priority; -1 when `e` or `text` is null.
  */
 TAVLEN_API int32_t cfg_entry_set(cfg_entry *e, const char *text, int32_t priority);

@@ -20,7 +20,8 @@
  *  4. Logging leaves errno as it was. Any thread may log, also while another opens the library or
  *     changes its destinations; logger_close is called when no other thread logs any more. A thread
  *     that may be logging is not cancelled, no function here is called from a signal handler, and
- *     after fork a child of a threaded process logs only once it has called exec.
+ *     after fork a child of a threaded process logs only once it has called exec. A child that
+ *     closes the library or changes its destinations shuts its parent's collector socket down, too.
  *  5. Results are 0, or -1, unless said otherwise.
  */
 #ifndef TAVLEN_COMMON_LOGGER_H

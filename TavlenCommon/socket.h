@@ -9,7 +9,8 @@
  *     may work at once and datagrams and frames never mix; `sem_read` is taken before `sem_write`.
  *     What takes no lock says nothing of one.
  *  3. An object has one holder when it is made. It ends with sock_close, by a sole holder, or with
- *     the sock_unref of the last one.
+ *     the sock_unref of the last one. Both shut the connection down, also for a process that shares
+ *     the descriptor after fork; socket_close does not.
  *  4. Descriptors are closed on exec.
  */
 #ifndef TAVLEN_COMMON_SOCKET_H
