@@ -7,7 +7,7 @@ trap 'rm -rf "$work"' EXIT
 cd "$1" && cmake --build "$2" --target man && cp -rt "$work" TavlenCommon docs packaging || exit
 TZ=Asia/Tokyo "$work/packaging/man/generate" "$work" "$work/pages" "$version"
 {
-    diff -r -x made "$pages" "$work/pages" || true
+    diff -r "$pages" "$work/pages" || true
     nm -D --defined-only "$library" | awk '$2 == "T" { print $3 } END { print "LPRINTF" }' | sed 's/@.*//' | sort |
         diff - <(cd "$pages" && grep '^\.so' man3/* | sed 's|man3/\(.*\).3:.so|\1|' | while read -r name page; do
             grep -q "fB$name\\\\fP(" "$page" && echo "$name"; done | sort) || true
