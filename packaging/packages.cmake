@@ -52,19 +52,21 @@ debian_package(development libtavlencommon-dev libdevel
   "Headers, CMake and pkg-config files and manual pages of libTavlenCommon, for"
   "C and C++.")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${library_package} (= ${whole_version}), libc6-dev")
-debian_package(tools tavlen-tools net
+debian_package(tools tavlen-tools admin
   "companion tool of the TavlenLogger log collector"
   "tavlenctl sends records, checks a collector's settings, shows its log and what"
   "travels to it, and tells what was dropped. A dissector for Wireshark comes"
   "with it.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${needs_library}")
-debian_package(daemon tavlenlogger net
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "bash-completion, wireshark | tshark")
+debian_package(daemon tavlenlogger admin
   "log collector for a group of server processes"
   "TavlenLogger receives log records as UDP datagrams and writes each one, under"
   "its sender's name, to standard output, standard error, syslog, a file or a"
   "further collector.")
 set(CPACK_DEBIAN_DAEMON_PACKAGE_DEPENDS
   "${needs_library}, systemd | systemd-standalone-sysusers | systemd-sysusers")
+set(CPACK_DEBIAN_DAEMON_PACKAGE_RECOMMENDS logrotate)
 set(CPACK_DEBIAN_DAEMON_PACKAGE_SUGGESTS tavlen-tools)
 set(CPACK_DEBIAN_DAEMON_PACKAGE_CONTROL_EXTRA
   ${CMAKE_CURRENT_BINARY_DIR}/conffiles

@@ -83,27 +83,28 @@ void RecordSender::send_record(std::string_view text)
 {
     ++records_;
     const std::string line(text);
-    if (!try_to_send(line)) {
-        // The system tells with this call that the record before was refused.
-        const bool is_late = socket_->error == ECONNREFUSED;
-        count_failure(socket_->error);
-        if (is_late && !try_to_send(line)) {
-            count_failure(socket_->error);
-        }
+    int error = try_to_send(line);
+    if (error == ECONNREFUSED) { // told with this call of the record before
+        count_failure(error);
+        error = try_to_send(line);
+    }
+    if (error != 0) {
+        count_failure(error);
     }
     take_refusal();
 }
 
-bool RecordSender::try_to_send(const std::string &line)
+/// 0, or the errno of the failure.
+int RecordSender::try_to_send(const std::string &line)
 {
     const auto length = static_cast<int32_t>(line.size());
     const std::unique_ptr<clpacket, DestroyPacket> packet(
         clpacket_log_event(name_.c_str(), line.c_str(), length));
     if (packet == nullptr) {
-        socket_->error = ENOMEM;
-        return false;
+        return ENOMEM;
     }
-    return clpacket_sendto(packet.get(), socket_.get(), nullptr, 0) == 0;
+    const bool is_sent = clpacket_sendto(packet.get(), socket_.get(), nullptr, 0) == 0;
+    return is_sent ? 0 : sock_socket_get_error(socket_.get());
 }
 
 void RecordSender::take_refusal()

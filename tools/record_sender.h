@@ -40,7 +40,7 @@ public:
 
 private:
     void send_record(std::string_view text);
-    bool try_to_send(const std::string &line);
+    int try_to_send(const std::string &line);
     void take_refusal();
     void count_failure(int error);
 

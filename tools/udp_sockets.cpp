@@ -58,10 +58,6 @@ std::string address_text(std::string_view digits, int family)
     return text;
 }
 
-struct FreeLine {
-    void operator()(char *line) const { free(line); }
-};
-
 } // namespace
 
 std::optional<UdpSocket> parse_udp_line(std::string_view line, int family)
