@@ -39,6 +39,13 @@ bodies = [bytes.fromhex(dump) for dump in bodies]
 for line, packet in zip(lines, seen, strict=True):
     code, element = (packet.find("*[@name='tavlen.%s']" % name) for name in ("type", "element"))
     assert line == code.get("show") + ": " + notation(element), (line, notation(element))
+rows = dict(re.findall(r"^\| (\d+) \| (`clpacket_.*)", open(document).read(), re.M))  # of the catalogue
+words = " 1 int32 version; " + " ".join(rows.values())
+for packet in seen:
+    code, *labels = packet.findall(".//*[@name='tavlen.type']") + packet.findall(".//*[@name='tavlen.element.label']")
+    if row := rows.get(code.get("show")):
+        assert re.search(r"_(create_)?%s`" % code.get("showname").split()[1], row), (code.get("showname"), row)
+        assert all(re.search(r"\d (structure of )?\w+ %s\b" % label.get("show"), words) for label in labels), row
 numbers = ["1:%d=%d" % (code, 256 ** (1 << code // 2 - 1) - 7 if code in (3, 5, 7, 9) else -7) for code in range(2, 12)]
 told = notation(rich.find("*[@name='tavlen.element']"))
 assert "9:14={" + " ".join(numbers) in told and "1:27=[x,,yz]" in told, told
@@ -71,8 +78,9 @@ findings = {"cut_short": b"\1\0\2\x0c\0\0\0\2a", "bad_count": b"\1\0\2\x1b\x80\0
             "behind_root": b"\0x", "not_taken": b"\3\0\1\6\0\0\0\2\0\2\x0c\0\0\0\0\0\3\x0c\0\0\0\0"}
 shown = columns([event + body for body in findings.values()], datagrams, *("tavlen." + name for name in findings))
 assert all(row[i] for i, row in enumerate(shown)), shown
-parts = b"\6\0\1\6\0\0\0\1\1\2\x0c\0\0\0\1m\0\7\x0e\0\0\0\1", b"n", b"a\0\3\x0c\0\0\0\6\x1b[\xc2\x9b\xffm", b"z"
-assert tshark([event + b"\0\2\x0c\0\0\0\1".join(parts)], datagrams).strip().endswith(r"a: \033[\u009B\377m")
+parts = b"\6\0\1\6\0\0\0\1\1\2\x0c\0\0\0\1m\0\7\x0e\0\0\0\1", b"n", b"a\0\3\x0c\0\0\0\x09\x1b[\xe2\x81\xa6\xc2\x9b\xffm", b"z"
+assert tshark([event + b"\0\2\x0c\0\0\0\1".join(parts)], datagrams).strip().endswith(r"a: \033[\u2066\u009B\377m")
+assert columns([b"\x7f\xff\xff\xff" + event], stream, "tavlen.bad_frame") == [["1"]]
 
 def start(*command):
     limited = ["sh", "-c", 'ulimit -f 100000; exec timeout 60 "$0" "$@"', *map(str, command)]

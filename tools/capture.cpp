@@ -46,36 +46,37 @@ class Picker {
 public:
     Picker(uint16_t port, const DatagramHandler &handler) : port_(port), handler_(handler) {}
 
-    void take_packet(const timeval &time, Bytes packet)
+    /// False when no more is wanted.
+    bool take_packet(const timeval &time, Bytes packet)
     {
         auto ip = parse_ip(packet);
         if (!ip || (ip->protocol != IPPROTO_UDP && ip->protocol != IPPROTO_TCP)) {
-            return;
+            return true;
         }
         std::optional<std::vector<uint8_t>> whole;
         if (ip->is_fragment) {
             whole = fragments_.take(*ip);
             if (!whole) {
-                return;
+                return true;
             }
             ip->bytes = Bytes(whole->data(), whole->size());
         }
-        take_payload(time, *ip);
+        return take_payload(time, *ip);
     }
 
     [[nodiscard]] LeftOut left_out() const { return {tcp_segments_, fragments_.left_over()}; }
 
 private:
-    void take_payload(const timeval &time, const IpPayload &ip)
+    bool take_payload(const timeval &time, const IpPayload &ip)
     {
         if (port_ != 0 && ip.bytes.pair(0) != port_ && ip.bytes.pair(2) != port_) {
-            return;
+            return true;
         }
         if (ip.protocol == IPPROTO_TCP) {
             ++tcp_segments_;
-        } else if (ip.bytes.size() >= udp_header_size) {
-            handler_(make_datagram(time, ip));
+            return true;
         }
+        return ip.bytes.size() < udp_header_size || handler_(make_datagram(time, ip));
     }
 
     uint16_t port_;
@@ -120,8 +121,9 @@ bool read_capture(File file, uint16_t port, const DatagramHandler &handler, Left
     pcap_pkthdr *header = nullptr;
     const uint8_t *frame = nullptr;
     int result = 0;
-    while ((result = pcap_next_ex(capture.get(), &header, &frame)) == 1) {
-        picker.take_packet(header->ts, find_ip_packet(link_type, Bytes(frame, header->caplen)));
+    while (
+        (result = pcap_next_ex(capture.get(), &header, &frame)) == 1 &&
+        picker.take_packet(header->ts, find_ip_packet(link_type, Bytes(frame, header->caplen)))) {
     }
     *left_out = picker.left_out();
     if (result == PCAP_ERROR) {

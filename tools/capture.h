@@ -20,7 +20,8 @@ struct CapturedDatagram {
     size_t missing = 0; ///< bytes at the end that were sent but not captured
 };
 
-using DatagramHandler = std::function<void(CapturedDatagram datagram)>;
+/// False ends the reading.
+using DatagramHandler = std::function<bool(CapturedDatagram datagram)>;
 
 /// What of the port's traffic is not handed on.
 struct LeftOut {
@@ -32,7 +33,7 @@ struct LeftOut {
 bool is_capture(const uint8_t *start);
 
 /// Hands on every datagram of a port, or all for port 0. False, and told, when the file cannot be
-/// read to its end.
+/// read that far.
 bool read_capture(File file, uint16_t port, const DatagramHandler &handler, LeftOut *left_out);
 
 } // namespace ctl

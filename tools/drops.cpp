@@ -47,14 +47,17 @@ public:
     void print(const std::vector<UdpSocket> &sockets)
     {
         print_heading();
+        const Holders holders = holders_of(sockets);
         std::map<uint64_t, uint64_t> dropped;
         for (const UdpSocket &socket : sockets) {
             const std::string address = compose("%s:%u", socket.address.c_str(), socket.port);
             printf("%s%-24s %10llu ", is_watch_ ? (time_of_day() + "  ").c_str() : "",
                    address.c_str(), static_cast<unsigned long long>(socket.waiting));
             print_difference(socket);
+            const std::string &names = holders.at(socket.inode);
             printf("%10llu %10llu  %s\n", static_cast<unsigned long long>(socket.dropped),
-                   static_cast<unsigned long long>(socket.inode), holders_of(socket.inode).c_str());
+                   static_cast<unsigned long long>(socket.inode),
+                   names.empty() ? "-" : names.c_str());
             dropped[socket.inode] = socket.dropped;
         }
         dropped_before_ = dropped;
@@ -78,7 +81,8 @@ private:
         }
         const auto before = dropped_before_.find(socket.inode);
         const std::string difference =
-            before == dropped_before_.end()
+            before == dropped_before_.end() ||
+                    socket.dropped < before->second // the counter went round
                 ? "-"
                 : compose("+%llu",
                           static_cast<unsigned long long>(socket.dropped - before->second));

@@ -61,17 +61,18 @@ class Dump {
 public:
     explicit Dump(const DumpSettings &settings) : settings_(settings) {}
 
-    void show_bytes(std::vector<uint8_t> bytes)
+    /// As show_datagram, false when no more is wanted, or nobody reads it.
+    bool show_bytes(std::vector<uint8_t> bytes)
     {
         const std::string origin = compose("%zu bytes", bytes.size());
-        show(std::move(bytes), origin, 0);
+        return show(std::move(bytes), origin, 0);
     }
 
-    void show_datagram(CapturedDatagram datagram)
+    bool show_datagram(CapturedDatagram datagram)
     {
         const std::string origin = time_text(datagram.time) + ", " + datagram.from + " > " +
                                    datagram.to + compose(", %zu bytes", datagram.bytes.size());
-        show(std::move(datagram.bytes), origin, datagram.missing);
+        return show(std::move(datagram.bytes), origin, datagram.missing);
     }
 
     [[nodiscard]] uint64_t shown() const { return shown_; }
@@ -79,22 +80,20 @@ public:
     [[nodiscard]] bool has_malformed() const { return has_malformed_; }
 
 private:
-    void show(std::vector<uint8_t> bytes, const std::string &origin, size_t missing)
+    bool show(std::vector<uint8_t> bytes, const std::string &origin, size_t missing)
     {
-        if (is_done()) {
-            return;
-        }
         ++shown_;
         const DecodedPacket packet(std::move(bytes));
         has_malformed_ |= packet.is_malformed();
         if (settings_.is_brief) {
             print(packet.brief() + '\n');
-            return;
+            return !is_done() && ferror(stdout) == 0;
         }
         const std::string note =
             missing > 0 ? compose("  note: %zu bytes more were sent, not captured\n", missing) : "";
         print(compose("packet %llu, ", static_cast<unsigned long long>(shown_)) + origin + '\n' +
               packet.tree() + note);
+        return !is_done() && ferror(stdout) == 0;
     }
 
     static void print(const std::string &text)
@@ -150,7 +149,7 @@ void tell_left_out(const LeftOut &left_out)
 bool dump_hex_text(FILE *file, Dump &dump)
 {
     const bool is_read = read_hex_text(
-        file, [&dump](std::vector<uint8_t> bytes) { dump.show_bytes(std::move(bytes)); });
+        file, [&dump](std::vector<uint8_t> bytes) { return dump.show_bytes(std::move(bytes)); });
     if (!is_read) {
         complain("the input cannot be read: %s", strerror(errno));
     } else if (dump.shown() == 0) {
@@ -164,7 +163,8 @@ bool dump_capture(File file, const DumpSettings &settings, Dump &dump)
     LeftOut left_out;
     const bool is_read = read_capture(
         std::move(file), settings.port,
-        [&dump](CapturedDatagram datagram) { dump.show_datagram(std::move(datagram)); }, &left_out);
+        [&dump](CapturedDatagram datagram) { return dump.show_datagram(std::move(datagram)); },
+        &left_out);
     tell_left_out(left_out);
     if (is_read && dump.shown() == 0) {
         complain("no datagrams of port %u in the capture", unsigned{settings.port});
@@ -245,7 +245,7 @@ bool dump_port(const DumpSettings &settings, Dump &dump)
                 {}, endpoint_text(peer, size), endpoint_text(own, own_size), {}, 0};
             (void)gettimeofday(&datagram.time, nullptr);
             datagram.bytes.assign(block, block + bytes);
-            dump.show_datagram(std::move(datagram));
+            (void)dump.show_datagram(std::move(datagram));
         }
     }
     return true;

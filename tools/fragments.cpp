@@ -8,7 +8,6 @@ namespace {
 
 constexpr size_t most_unfinished = 64;
 constexpr size_t most_bytes = 65535; ///< of a whole payload
-constexpr size_t most_parts = most_bytes / 8;
 
 /// The bytes of the parts, if they follow each other without a gap up to `size`.
 std::optional<std::vector<uint8_t>> join(const std::map<size_t, std::vector<uint8_t>> &parts,
@@ -38,7 +37,19 @@ Fragments::Unfinished &Fragments::find(const IpPayload &fragment)
     if (unfinished_.size() == most_unfinished) {
         unfinished_.pop_front();
     }
-    return unfinished_.emplace_back(Unfinished{key, {}, 0});
+    return unfinished_.emplace_back(Unfinished{key, {}, 0, 0});
+}
+
+/// A newer part takes the place of an older one, which an earlier packet of the same number left.
+void Fragments::keep(Unfinished &packet, const IpPayload &fragment)
+{
+    std::vector<uint8_t> &part = packet.parts[fragment.place];
+    packet.kept += fragment.bytes.size() - part.size();
+    part.assign(fragment.bytes.data(), fragment.bytes.data() + fragment.bytes.size());
+    if (packet.kept > most_bytes) { // they overlap, as no sender's do
+        packet.parts.clear();
+        packet.kept = 0;
+    }
 }
 
 std::optional<std::vector<uint8_t>> Fragments::take(const IpPayload &fragment)
@@ -49,12 +60,10 @@ std::optional<std::vector<uint8_t>> Fragments::take(const IpPayload &fragment)
         return std::nullopt;
     }
     Unfinished &packet = find(fragment);
-    const uint8_t *start = fragment.bytes.data();
-    if (packet.parts.size() < most_parts) {
-        packet.parts.try_emplace(fragment.place, start, start + fragment.bytes.size());
-    }
+    keep(packet, fragment);
     packet.size = fragment.has_more ? packet.size : end;
-    auto whole = packet.size > 0 ? join(packet.parts, packet.size) : std::nullopt;
+    const bool may_be_whole = packet.size > 0 && packet.kept == packet.size;
+    auto whole = may_be_whole ? join(packet.parts, packet.size) : std::nullopt;
     if (whole) {
         left_over_ -= packet.parts.size();
         unfinished_.remove_if([&packet](const Unfinished &one) { return &one == &packet; });

@@ -24,10 +24,12 @@ private:
     struct Unfinished {
         std::string key;
         std::map<size_t, std::vector<uint8_t>> parts; ///< by their places
+        size_t kept = 0;                              ///< bytes in the parts, bounded
         size_t size = 0;                              ///< of the whole; 0: not known yet
     };
 
     Unfinished &find(const IpPayload &fragment);
+    static void keep(Unfinished &packet, const IpPayload &fragment);
 
     /// The oldest first; bounded, as the rest of some will never come.
     std::list<Unfinished> unfinished_;

@@ -1,7 +1,6 @@
 #include "hex_text.h"
 
 #include <cctype>
-#include <cstdlib>
 #include <optional>
 
 #include "numbers.h"
@@ -111,19 +110,19 @@ void HexReader::start_at(uint64_t offset)
     }
 }
 
-void HexReader::take_line(std::string_view line)
+bool HexReader::take_line(std::string_view line)
 {
     while (!line.empty() && isspace(static_cast<unsigned char>(line.back())) != 0) {
         line.remove_suffix(1);
     }
     if (line == "*" && !packet_.empty()) {
         repeats_ = true;
-        return;
+        return goes_on_;
     }
     const auto parsed = parse_line(line, packet_.size());
     if (!parsed) {
         finish();
-        return;
+        return goes_on_;
     }
     if (parsed->offset) {
         start_at(*parsed->offset);
@@ -136,12 +135,13 @@ void HexReader::take_line(std::string_view line)
     }
     packet_.insert(packet_.end(), parsed->bytes.begin(), parsed->bytes.end());
     last_line_ = parsed->bytes;
+    return goes_on_;
 }
 
 void HexReader::finish()
 {
-    if (!packet_.empty()) {
-        handler_(std::move(packet_));
+    if (!packet_.empty() && goes_on_) {
+        goes_on_ = handler_(std::move(packet_));
     }
     packet_.clear();
     last_line_.clear();
@@ -149,16 +149,33 @@ void HexReader::finish()
     has_offsets_ = false;
 }
 
+namespace {
+
+/// Reads a line; one longer than any packet's counts as empty. False at the end.
+bool read_line(FILE *file, std::string &line)
+{
+    constexpr size_t longest = 4 * most_bytes;
+    size_t length = 0;
+    line.clear();
+    int c = 0;
+    while ((c = getc_unlocked(file)) != EOF && c != '\n') {
+        if (++length <= longest) {
+            line.push_back(static_cast<char>(c));
+        }
+    }
+    if (length > longest) {
+        line.clear();
+    }
+    return c != EOF || length > 0;
+}
+
+} // namespace
+
 bool read_hex_text(FILE *file, const BytesHandler &handler)
 {
     HexReader reader(handler);
-    char *line = nullptr;
-    size_t room = 0;
-    ssize_t length = 0;
-    while ((length = getline(&line, &room, file)) >= 0) {
-        reader.take_line({line, static_cast<size_t>(length)});
+    for (std::string line; read_line(file, line) && reader.take_line(line);) {
     }
-    free(line);
     reader.finish();
     return ferror(file) == 0;
 }

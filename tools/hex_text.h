@@ -11,7 +11,8 @@
 
 namespace ctl {
 
-using BytesHandler = std::function<void(std::vector<uint8_t> bytes)>;
+/// False ends the reading.
+using BytesHandler = std::function<bool(std::vector<uint8_t> bytes)>;
 
 /**
  * Lines of digits in pairs or larger groups, perhaps behind an offset; a column of characters
@@ -23,7 +24,8 @@ class HexReader {
 public:
     explicit HexReader(BytesHandler handler) : handler_(std::move(handler)) {}
 
-    void take_line(std::string_view line);
+    /// False when no more is wanted.
+    bool take_line(std::string_view line);
     void finish();
 
 private:
@@ -34,9 +36,10 @@ private:
     std::vector<uint8_t> last_line_;
     bool repeats_ = false;     ///< the last line, up to the next offset
     bool has_offsets_ = false; ///< this packet's lines
+    bool goes_on_ = true;
 };
 
-/// Hands on every packet of a text; false when it could not be read to its end.
+/// Hands on every packet of a text; false when it could not be read that far.
 bool read_hex_text(FILE *file, const BytesHandler &handler);
 
 } // namespace ctl

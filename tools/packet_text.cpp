@@ -148,11 +148,14 @@ std::string element_line(uint32_t message_type, int depth, const mtb_element *e)
                        : "");
 }
 
+/// What nests deeper is not moved further to the right: lines stay in proportion to the packet.
+constexpr size_t deepest_shown = 64;
+
 void append_tree(std::string &text, uint32_t message_type, const mtb_chain *elements, int level,
                  int depth)
 {
     for (const mtb_element *e = elements->first; e != nullptr; e = e->next) {
-        text.append(2 * static_cast<size_t>(level), ' ');
+        text.append(2 * std::min<size_t>(static_cast<size_t>(level), deepest_shown), ' ');
         text += element_line(message_type, depth, e) + '\n';
         if (holds_elements(e)) {
             // The structures of an array bear its name, and are no depth of their own.

@@ -8,6 +8,7 @@
 #include <pwd.h>
 #include <string>
 #include <unistd.h>
+#include <utility>
 
 #include "command.h"
 #include "diagnostics.h"
@@ -161,17 +162,25 @@ void send_numbered(RecordSender &sender, const SendSettings &settings, const std
     print_summary(sender, seconds);
 }
 
-/// Sends a text, each line of it as a record. The collector ends a line at a zero byte.
-void send_lines(RecordSender &sender, std::string text)
+/// The text with its zero bytes as ^@, told once: the collector ends a line at one.
+std::string without_zeros(std::string_view given)
 {
     static bool is_told = false;
-    for (size_t zero = 0; (zero = text.find('\0', zero)) != std::string::npos;) {
-        text.replace(zero, 1, "^@");
-        if (!is_told) {
+    std::string text;
+    for (size_t zero = 0; (zero = given.find('\0')) != std::string_view::npos;) {
+        text.append(given.substr(0, zero)).append("^@");
+        given.remove_prefix(zero + 1);
+        if (!std::exchange(is_told, true)) {
             complain("zero bytes are sent as ^@");
         }
-        is_told = true;
     }
+    return text.append(given);
+}
+
+/// Sends a text, each line of it as a record.
+void send_lines(RecordSender &sender, std::string_view given)
+{
+    const std::string text = without_zeros(given);
     size_t start = 0;
     for (size_t end = 0; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
         sender.send_line(std::string_view(text).substr(start, end - start));

@@ -1,9 +1,11 @@
 #include "text.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 
 namespace ctl {
 
@@ -62,13 +64,20 @@ bool is_in_range(uint32_t code, size_t length)
     return code >= first_of_length[length] && code <= 0x10ffff && (code < 0xd800 || code > 0xdfff);
 }
 
-/// Prints nothing of its own, but changes how what is around it looks.
+/// Prints nothing of its own, but changes how what is around it looks, or hides in it.
 bool is_deceptive(uint32_t code)
 {
-    return code == 0xad || code == 0x61c || (code >= 0x200b && code <= 0x200f) ||
-           (code >= 0x2028 && code <= 0x202e) || (code >= 0x2060 && code <= 0x206f) ||
-           code == 0xfeff || (code >= 0xfff0 && code <= 0xfffb) ||
-           (code >= 0xe0000 && code <= 0xe0fff);
+    static constexpr struct {
+        uint32_t first;
+        uint32_t last;
+    } ranges[] = {{0xad, 0xad},      {0x34f, 0x34f},   {0x61c, 0x61c},     {0x115f, 0x1160},
+                  {0x17b4, 0x17b5},  {0x180b, 0x180f}, {0x200b, 0x200f},   {0x2028, 0x202e},
+                  {0x2060, 0x206f},  {0x3164, 0x3164}, {0xfe00, 0xfe0f},   {0xfeff, 0xfeff},
+                  {0xffa0, 0xffa0},  {0xfff0, 0xfffb}, {0x1bca0, 0x1bca3}, {0x1d173, 0x1d17a},
+                  {0xe0000, 0xe0fff}};
+    return std::any_of(std::begin(ranges), std::end(ranges), [code](const auto &range) {
+        return code >= range.first && code <= range.last;
+    });
 }
 
 void append_bytes_as_hex(std::string &shown, std::string_view bytes)

@@ -8,6 +8,7 @@
 #include <dirent.h>
 #include <memory>
 #include <netinet/in.h>
+#include <set>
 
 #include "diagnostics.h"
 #include "numbers.h"
@@ -107,18 +108,31 @@ struct CloseFolder {
 };
 using Folder = std::unique_ptr<DIR, CloseFolder>;
 
-bool has_descriptor(const std::string &process, const std::string &target)
+/// Of a link as "socket:[12345]"; nothing for any other.
+std::optional<uint64_t> socket_inode(std::string_view link)
+{
+    constexpr std::string_view start = "socket:[";
+    if (link.substr(0, start.size()) != start || link.back() != ']') {
+        return std::nullopt;
+    }
+    return parse_number(link.substr(start.size(), link.size() - start.size() - 1));
+}
+
+/// The sockets that a process holds, of those that are asked for.
+std::set<uint64_t> held_by(const std::string &process, const Holders &asked)
 {
     const std::string path = "/proc/" + process + "/fd";
+    std::set<uint64_t> held;
     const Folder folder(opendir(path.c_str()));
     while (const dirent *entry = folder != nullptr ? readdir(folder.get()) : nullptr) {
         char link[64];
         const ssize_t length = readlink((path + "/" + entry->d_name).c_str(), link, sizeof link);
-        if (length > 0 && target == std::string_view(link, static_cast<size_t>(length))) {
-            return true;
+        const auto inode = socket_inode({link, length > 0 ? static_cast<size_t>(length) : 0});
+        if (inode && asked.find(*inode) != asked.end()) {
+            held.insert(*inode);
         }
     }
-    return false;
+    return held;
 }
 
 std::string process_name(const std::string &process)
@@ -133,19 +147,24 @@ std::string process_name(const std::string &process)
 
 } // namespace
 
-std::string holders_of(uint64_t inode)
+Holders holders_of(const std::vector<UdpSocket> &sockets)
 {
-    const std::string target = compose("socket:[%llu]", static_cast<unsigned long long>(inode));
-    std::string holders;
+    Holders holders;
+    for (const UdpSocket &socket : sockets) {
+        holders[socket.inode];
+    }
     const Folder folder(opendir("/proc"));
     while (const dirent *entry = folder != nullptr ? readdir(folder.get()) : nullptr) {
         const std::string process = entry->d_name;
-        if (isdigit(static_cast<unsigned char>(process[0])) != 0 &&
-            has_descriptor(process, target)) {
-            holders += (holders.empty() ? "" : ",") + process_name(process) + "/" + process;
+        if (isdigit(static_cast<unsigned char>(process[0])) == 0) {
+            continue;
+        }
+        for (const uint64_t inode : held_by(process, holders)) {
+            std::string &names = holders[inode];
+            names += (names.empty() ? "" : ",") + process_name(process) + "/" + process;
         }
     }
-    return holders.empty() ? "-" : holders;
+    return holders;
 }
 
 } // namespace ctl

@@ -3,6 +3,7 @@
 #define TAVLEN_TOOLS_UDP_SOCKETS_H
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -24,8 +25,12 @@ std::optional<UdpSocket> parse_udp_line(std::string_view line, int family);
 /// The sockets on a port. False, and told, when the kernel's list cannot be read.
 bool find_udp_sockets(uint16_t port, std::vector<UdpSocket> *sockets);
 
-/// "name/pid" of each process that holds the socket, joined by commas; "-" when none is to be seen.
-std::string holders_of(uint64_t inode);
+/// By inode, "name/pid" of each process that holds the socket, joined by commas; empty when none is
+/// to be seen.
+using Holders = std::map<uint64_t, std::string>;
+
+/// Goes once through the processes, however many sockets there are.
+Holders holders_of(const std::vector<UdpSocket> &sockets);
 
 } // namespace ctl
 
