@@ -21,9 +21,9 @@ bytes() { printf '%b' "$(fold -w 2 <<<"$1" | sed 's/^/\\x/' | tr -d '\n')"; }
 said=$(sed -n 's/^    \([0-9]*: .*=.*\)/\1/p' "$document")
 [[ $(wc -l <<<"$said") -gt 50 ]]; same 'document' "$(ctl dump --brief "$document")" <<<"$said"
 packets=$(sed -n 's/^    [0-9]*: .*/;/p; s/^    \([0-9a-f ]*\)$/\1/p' "$document" | tr -d ' \n' | tr ';' '\n' | sed 1d)
-same 'names and labels of the catalogue, two in other words' "$(ctl dump "$document" >told; sed -nE 's/^\| ([0-9]+) \| .clpacket_(create_)?(\w+).*/  \1 \3/p' "$document" | grep -vxFf told
+same 'names and labels of the catalogue, one in other words' "$(ctl dump "$document" >told; sed -nE 's/^\| ([0-9]+) \| .clpacket_(create_)?(\w+).*/  \1 \3/p' "$document" | grep -vxFf told
     sed -nE 's/^ +([0-9]+) ([a-z][a-z -]*): (string|u?int32)( .*)?$/\1 \3 \2/p' told | sort -u | while read -r field; do
-        grep -q "\b$field\b" "$document" || echo "$field"; done)" <<<$'0 int32 state number\n1 int32 version'
+        grep -q "\b$field\b" "$document" || echo "$field"; done)" <<<'1 int32 version'
 little() { printf %08x "$1" | sed 's/\(..\)\(..\)\(..\)\(..\)/\4\3\2\1/'; }
 frame() {
     local size=$((${#2} / 2 + 20)) # $1: flags and place, $2: payload
