@@ -174,11 +174,6 @@ bool dump_capture(File file, const DumpSettings &settings, Dump &dump)
 
 // ------------------------------------------------------------------------------------------ live
 
-struct FreeAddresses {
-    void operator()(addrinfo *list) const { freeaddrinfo(list); }
-};
-using Addresses = std::unique_ptr<addrinfo, FreeAddresses>;
-
 /// Of "[ADDRESS:]PORT"; an IPv6 address may stand in brackets. Null when there is none.
 Addresses resolve_listen(const std::string &text)
 {

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include "diagnostics.h"
+#include "log_line.h"
 #include "text.h"
 
 namespace ctl {

@@ -14,9 +14,6 @@ namespace ctl {
 /// Gets each line without its line feed; false ends the reading.
 using LineHandler = std::function<bool(std::string_view line)>;
 
-/// The collector cuts a record there, and then writes no line feed: the next byte is another's.
-constexpr size_t longest_log_line = 4095;
-
 /// Cuts bytes as they come into lines.
 class LineSplitter {
 public:

@@ -8,12 +8,13 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include "owned_handles.h"
+
 namespace ctl {
 
 namespace {
 
-struct FreeAddresses {
-    void operator()(addrinfo *list) const { freeaddrinfo(list); }
+struct FreeInterfaces {
     void operator()(ifaddrs *list) const { freeifaddrs(list); }
 };
 
@@ -66,7 +67,7 @@ bool is_of_interface(const Endpoint &endpoint)
     if (getifaddrs(&list) != 0) {
         return false;
     }
-    const std::unique_ptr<ifaddrs, FreeAddresses> owner(list);
+    const std::unique_ptr<ifaddrs, FreeInterfaces> owner(list);
     for (const ifaddrs *one = list; one != nullptr; one = one->ifa_next) {
         if (one->ifa_addr != nullptr && one->ifa_addr->sa_family == endpoint.family &&
             endpoint_of(one->ifa_addr).address == endpoint.address) {
@@ -89,7 +90,7 @@ std::optional<Endpoint> resolve(const std::string &host, const std::string &port
         *reason = gai_strerror(result);
         return std::nullopt;
     }
-    const std::unique_ptr<addrinfo, FreeAddresses> owner(list);
+    const Addresses owner(list);
     return endpoint_of(list->ai_addr);
 }
 

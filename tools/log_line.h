@@ -7,6 +7,9 @@
 
 namespace ctl {
 
+/// The collector cuts a line there, its line feed included: the next byte is another record's.
+constexpr size_t longest_log_line = 4095;
+
 /// The parts of "names: seconds:file:line: function: message". A collector's own record has no
 /// names, a relayed one several; a text that is no record has no time, and is all `rest`.
 struct LogLine {

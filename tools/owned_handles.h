@@ -1,9 +1,10 @@
-/* Owners of what the system hands out: streams and descriptors. */
+/* Owners of what the system hands out: streams, descriptors, lists of addresses. */
 #ifndef TAVLEN_TOOLS_OWNED_HANDLES_H
 #define TAVLEN_TOOLS_OWNED_HANDLES_H
 
 #include <cstdio>
 #include <memory>
+#include <netdb.h>
 #include <unistd.h>
 #include <utility>
 
@@ -13,6 +14,11 @@ struct CloseFile {
     void operator()(FILE *file) const { (void)fclose(file); }
 };
 using File = std::unique_ptr<FILE, CloseFile>;
+
+struct FreeAddresses {
+    void operator()(addrinfo *list) const { freeaddrinfo(list); }
+};
+using Addresses = std::unique_ptr<addrinfo, FreeAddresses>;
 
 /// A descriptor, closed at the end; -1 is none.
 class Descriptor {

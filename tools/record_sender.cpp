@@ -12,14 +12,13 @@
 #include "diagnostics.h"
 #include "library_reports.h"
 #include "local_address.h"
+#include "log_line.h"
 #include "text.h"
 
 namespace ctl {
 
 namespace {
 
-/// The collector's line, its line feed and the ": " behind the name included.
-constexpr size_t longest_line = 4095;
 /// On a network of one's own the refusal of a datagram takes less.
 constexpr int refusal_wait_ms = 20;
 
@@ -71,7 +70,7 @@ bool RecordSender::connect(const std::string &address, uint16_t port)
 void RecordSender::send_line(std::string_view line)
 {
     const std::string start = is_raw_ ? "" : time_and_place();
-    const size_t room = longest_line - name_.size() - strlen(": \n") - start.size();
+    const size_t room = longest_log_line - name_.size() - strlen(": \n") - start.size();
     do {
         const size_t length = piece_length(line, room);
         send_record(start + std::string(line.substr(0, length)));
